@@ -1,0 +1,65 @@
+#pragma once
+
+/// The tally of what the calls in flight hold of one bound, and the rule of admission.
+
+#include "decision_bounds/larger.hpp"
+
+namespace decision_bounds {
+
+/// What the admitted calls hold, in the unit of the bound that owns the record (USD or input
+/// tokens). A share is unbounded, because what its call may use is not known, exactly when it is
+/// infinite. The owner calls every operation with its own lock held.
+template <typename H>
+struct Held {
+  using Count = typename H::Count;
+  using Amount = typename H::Amount;
+
+  Count holders{};    ///< Admitted calls that hold a share, bounded or not.
+  Amount amount{};    ///< The sum of the bounded shares.
+  Count unbounded{};  ///< Holders of an unbounded share.
+
+  /// Whether a call that would hold `share` may start now, where the settled calls `used` so much
+  /// of `limit`. A call is admitted while any room is left, whatever its own share, but an
+  /// unbounded share runs alone. Changes nothing.
+  bool admits(const Amount& share, const Amount& used, const Amount& limit) const {
+    if (H::truth(unbounded)) {
+      return false;
+    }
+    if (H::is_infinite(share) && H::truth(holders)) {
+      return false;
+    }
+    return used + amount < limit;
+  }
+
+  /// Adds the share of a call just admitted.
+  void take(const Amount& share) {
+    holders = holders + 1;
+    if (H::is_infinite(share)) {
+      unbounded = unbounded + 1;
+    } else {
+      amount = amount + share;
+    }
+  }
+
+  /// As `take`, but a share that cannot be added leaves the record as it was.
+  void take_or_nothing(const Amount& share) {
+    const Held before = *this;
+    H::with_undo([&] { take(share); }, [&] { *this = before; });
+  }
+
+  /// Removes the share that an ending call took. No field goes below zero.
+  void give_back(const Amount& share) {
+    holders = larger(Count(0), Count(holders - 1));
+    if (H::is_infinite(share)) {
+      unbounded = larger(Count(0), Count(unbounded - 1));
+    } else {
+      amount = larger(Amount(0.0), Amount(amount - share));
+    }
+    if (!H::truth(holders)) {
+      // The last one out takes along what the subtractions of rounded numbers have left.
+      amount = Amount(0.0);
+    }
+  }
+};
+
+}  // namespace decision_bounds

@@ -1,0 +1,98 @@
+#pragma once
+
+/// What the bounds ask of the world they run in.
+///
+/// Each bound is written once, over a host: plain C++ (native.hpp) or an interpreter, whose numbers,
+/// locks and callbacks are objects of its own. A host is passed to the operations that need it and
+/// is never global. Count and Amount have the operators + - * / < > >= and the like; where a bound
+/// turns a count into an amount, it says so with `H::amount`.
+
+#include <concepts>
+
+#include "decision_bounds/errors.hpp"
+
+namespace decision_bounds {
+
+template <typename H>
+struct RunBudget;
+
+/// The numbers: integers (`Count`), floating-point numbers (`Amount`) and truth values (`Flag`).
+template <typename H>
+concept HostNumbers = requires(typename H::Count count, typename H::Amount amount,
+                               typename H::Flag flag) {
+  { typename H::Count(0) } -> std::same_as<typename H::Count>;
+  { typename H::Amount(0.0) } -> std::same_as<typename H::Amount>;
+  { typename H::Flag(true) } -> std::same_as<typename H::Flag>;
+  { count + 1 } -> std::convertible_to<typename H::Count>;
+  { count - 1 } -> std::convertible_to<typename H::Count>;
+  { count >= count } -> std::same_as<bool>;
+  { amount + amount } -> std::convertible_to<typename H::Amount>;
+  { amount - amount } -> std::convertible_to<typename H::Amount>;
+  { amount * amount } -> std::convertible_to<typename H::Amount>;
+  { amount / amount } -> std::convertible_to<typename H::Amount>;
+  { amount < amount } -> std::same_as<bool>;
+  { amount > amount } -> std::same_as<bool>;
+  { H::amount(count) } -> std::convertible_to<typename H::Amount>;
+  { H::truth(count) } -> std::same_as<bool>;
+  { H::truth(flag) } -> std::same_as<bool>;
+  { H::is_infinite(amount) } -> std::same_as<bool>;
+};
+
+/// The functions that callers hand in, and the replies. A `MaybeReply`, a `Ledger`, a `Deadline`
+/// and a `Clock` may be absent, and convert to false where they are.
+template <typename H>
+concept HostCallbacks = requires(const H& host, const typename H::StopFunction& stop,
+                                 const typename H::DateFunction& today,
+                                 const typename H::Ledger& ledger, const typename H::Text& day,
+                                 const typename H::BoundFunction& bound,
+                                 const typename H::Deadline& deadline,
+                                 const typename H::Clock& clock, typename H::MaybeReply reply,
+                                 typename H::GiveBackSlot& slot) {
+  { stop() } -> std::same_as<bool>;
+  { today() } -> std::convertible_to<typename H::Text>;
+  { H::to_amount(ledger(day)) } -> std::convertible_to<typename H::Amount>;
+  { bound() } -> std::convertible_to<typename H::Amount>;
+  { *deadline - clock() } -> std::convertible_to<typename H::Amount>;
+  { host.cached(*reply) } -> std::same_as<bool>;
+  { host.input_tokens(*reply) } -> std::convertible_to<typename H::Count>;
+  { host.cost(*reply) } -> std::convertible_to<typename H::Amount>;
+  slot.exchange_for_none()(reply);  // one step, whatever other threads do
+};
+
+/// Locks and waiting. `locked(lock, block)` runs the block with the lock held, gives the lock up
+/// however the block ends, and answers what the block answers. A condition's lock is reentrant, and `wait` on a condition (wait.hpp)
+/// gives it up wholly while it sleeps.
+template <typename H>
+concept HostThreads = requires(const H& host, typename H::Condition& changed,
+                               typename H::Mutex& mutex, const typename H::StopFunction& stopping,
+                               const typename H::Deadline& deadline,
+                               const typename H::Clock& clock, RunBudget<H>& budget,
+                               void (*block)()) {
+  host.locked(changed, block);
+  host.locked(mutex, block);
+  host.notify_all(changed);
+  host.wait(changed, stopping, deadline, clock);
+  host.wait(changed, host.stop_function(budget));
+};
+
+/// Failures and texts. `with_undo(block, undo)` answers what the block answers; where the block
+/// fails, it runs `undo` and the failure goes on. `attempt(block, failed)` ends an ordinary
+/// failure of the block in `failed(error)`.
+template <typename H>
+concept HostErrors = requires(const H& host, void (*block)(), void (*failed)(...),
+                              typename H::Count count, typename H::Amount amount,
+                              const typename H::Summary& summary) {
+  H::with_undo(block, block);
+  H::attempt(block, failed);
+  { host.rounded(amount) } -> std::convertible_to<typename H::Amount>;
+  { host.summary(count, count, count, amount, count, count) } -> std::same_as<typename H::Summary>;
+  host.refuse(Refusal::stopped, messages::stopped);
+  host.refuse(Refusal::budget_exceeded, messages::budget_exhausted, summary);
+  host.refuse(Refusal::budget_exceeded, messages::cap_reached, amount, amount);
+  host.warn(messages::cap_warning, amount, amount);
+};
+
+template <typename H>
+concept Host = HostNumbers<H> && HostCallbacks<H> && HostThreads<H> && HostErrors<H>;
+
+}  // namespace decision_bounds

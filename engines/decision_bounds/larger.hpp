@@ -1,0 +1,19 @@
+#pragma once
+
+/// The larger and the smaller of two numbers, with ties and not-a-numbers decided.
+
+namespace decision_bounds {
+
+/// `second` where it is strictly greater, otherwise `first` (also where either is not a number).
+template <typename Number>
+Number larger(Number first, Number second) {
+  return second > first ? second : first;
+}
+
+/// `second` where it is strictly less, otherwise `first` (also where either is not a number).
+template <typename Number>
+Number smaller(Number first, Number second) {
+  return second < first ? second : first;
+}
+
+}  // namespace decision_bounds

@@ -1,0 +1,115 @@
+#include "decision_bounds/native.hpp"
+
+#include <chrono>
+#include <string_view>
+
+#include "decision_bounds/text.hpp"
+
+namespace decision_bounds {
+
+template struct Held<native::Native>;
+template struct Charges<native::Native>;
+template struct RequestRates<native::Native>;
+template struct RunBudget<native::Native>;
+template struct DailySpend<native::Native>;
+
+namespace native {
+
+namespace {
+
+/// `text` with the one `mark` in it replaced.
+std::string fill_in(std::string text, std::string_view mark, const std::string& value) {
+  return text.replace(text.find(mark), mark.size(), value);
+}
+
+std::string fill_amounts(const char* text, double cost, double cap) {
+  return fill_in(fill_in(text, "%.4f", fixed_text(cost, 4)), "%.2f", fixed_text(cap, 2));
+}
+
+}  // namespace
+
+std::string Summary::text() const {
+  const std::array<std::string, summary_keys.size()> values = {
+      std::to_string(calls),   std::to_string(cache_hits), std::to_string(input_tokens),
+      shortest_text(cost_usd), std::to_string(max_calls),  std::to_string(max_tokens)};
+  std::string text;
+  for (std::size_t entry = 0; entry < values.size(); ++entry) {
+    text += text.empty() ? "{'" : ", '";
+    text += summary_keys[entry];
+    text += "': " + values[entry];
+  }
+  return text + "}";
+}
+
+void Condition::lock() {
+  const std::thread::id caller = std::this_thread::get_id();
+  if (owner_.load(std::memory_order_relaxed) != caller) {
+    mutex_.lock();
+    owner_.store(caller, std::memory_order_relaxed);
+  }
+  ++depth_;
+}
+
+void Condition::unlock() {
+  if (--depth_ == 0) {
+    owner_.store({}, std::memory_order_relaxed);
+    mutex_.unlock();
+  }
+}
+
+void Condition::wait(double seconds) {
+  const int depth = std::exchange(depth_, 0);
+  owner_.store({}, std::memory_order_relaxed);
+  std::unique_lock held(mutex_, std::adopt_lock);
+  woken_.wait_for(held, std::chrono::duration<double>(seconds));
+  held.release();
+  owner_.store(std::this_thread::get_id(), std::memory_order_relaxed);
+  depth_ = depth;
+}
+
+double Native::rounded(double cost) { return rounded_to_millionths(cost); }
+
+void Native::wait(Condition& changed, const StopFunction& stopping, const Deadline& deadline,
+                  const Clock& clock) const {
+  decision_bounds::wait(changed, stopping, deadline, clock, *this);
+}
+
+StopFunction Native::stop_function(const RunBudget& budget) {
+  return [&budget] { return budget.stopping(); };
+}
+
+void Native::refuse(Refusal refusal, const std::string& text) {
+  switch (refusal) {
+    case Refusal::budget_exceeded:
+      throw DecisionBudgetExceeded(text);
+    case Refusal::timeout:
+      throw DecisionTimeout(text);
+    case Refusal::stopped:
+      throw DecisionStopped(text);
+  }
+  throw DecisionError(text);
+}
+
+void Native::refuse(Refusal refusal, const char* text, const Summary& summary) {
+  refuse(refusal, text + summary.text());
+}
+
+void Native::refuse(Refusal refusal, const char* text, double cost, double cap) {
+  refuse(refusal, fill_amounts(text, cost, cap));
+}
+
+void Native::warn(const char* text, double cost, double cap) const {
+  if (log != nullptr) {
+    log->warning(fill_amounts(text, cost, cap));
+  }
+}
+
+void Native::warn(const char* text, const std::string& day, const std::exception& error) const {
+  if (log != nullptr) {
+    log->warning(fill_in(text, "%s", day) + ": " + error.what());
+  }
+}
+
+}  // namespace native
+
+}  // namespace decision_bounds

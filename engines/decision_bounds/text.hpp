@@ -1,0 +1,19 @@
+#pragma once
+
+/// Numbers as text, independent of the locale and equal to the interpreter's byte for byte.
+
+#include <cstdint>
+#include <string>
+
+namespace decision_bounds {
+
+/// The fewest significant digits that read back to the same value: 0.0, 12.5, 1e-05, 1e+16, inf.
+std::string shortest_text(double value);
+
+/// Fixed-point notation with so many decimals, rounded as the exact value lies, ties to even.
+std::string fixed_text(double value, int decimals);
+
+/// The nearest multiple of 0.000001, as the exact value lies, ties to the even digit.
+double rounded_to_millionths(double value);
+
+}  // namespace decision_bounds
