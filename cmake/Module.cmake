@@ -1,0 +1,49 @@
+# The extension module, as build/<preset>/engines/decision_bounds<suffix of the interpreter>.
+
+# Asked anew by every configuration, so that the build follows when another interpreter is chosen; the
+# results that FindPython3 keeps do not.
+execute_process(
+    COMMAND "${PROJECT_SOURCE_DIR}/scripts/host_python"
+    WORKING_DIRECTORY "${PROJECT_SOURCE_DIR}"
+    OUTPUT_VARIABLE python
+    OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+execute_process(
+    COMMAND "${python}" -c "import platform, sysconfig
+print(platform.python_version(), sysconfig.get_path('include'), sysconfig.get_config_var('EXT_SUFFIX'), sep=';')"
+    OUTPUT_VARIABLE python_facts
+    OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+list(GET python_facts 0 python_version)
+list(GET python_facts 1 python_headers)
+list(GET python_facts 2 module_suffix)
+message(STATUS "Module for CPython ${python_version}: ${python}")
+
+# Only the headers of the bounds are used here: their text is compiled for the interpreter's world.
+# libpython is not linked, since the interpreter that loads the module provides its symbols.
+# libgcc and libstdc++ stay shared: a thread that the interpreter ends at exit is unwound through the
+# module's frames by the process's own unwinder, whose state a second copy need not understand.
+file(GLOB module_sources CONFIGURE_DEPENDS engines/python_host/*.cpp)
+add_library(decision_bounds_module MODULE ${module_sources})
+target_include_directories(decision_bounds_module PRIVATE engines)
+target_include_directories(decision_bounds_module SYSTEM PRIVATE "${python_headers}")
+target_link_libraries(decision_bounds_module PRIVATE Threads::Threads project_warnings)
+set_target_properties(
+    decision_bounds_module
+    PROPERTIES OUTPUT_NAME decision_bounds
+               PREFIX ""
+               SUFFIX "${module_suffix}"
+               LIBRARY_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/engines")
+
+# Hidden visibility alone still exports inline functions of the standard library.
+if(APPLE)
+    set(export_list "${PROJECT_SOURCE_DIR}/cmake/exports.apple")
+    target_link_options(decision_bounds_module PRIVATE -undefined dynamic_lookup
+                        "LINKER:-exported_symbols_list,${export_list}")
+else()
+    set(export_list "${PROJECT_SOURCE_DIR}/cmake/exports.map")
+    target_link_options(decision_bounds_module PRIVATE "LINKER:--version-script,${export_list}")
+endif()
+set_target_properties(decision_bounds_module PROPERTIES LINK_DEPENDS "${export_list}")
+
+# Type checkers and editors find the surface beside the module.
+configure_file(engines/python_host/decision_bounds.pyi engines/decision_bounds.pyi COPYONLY)
+file(TOUCH "${PROJECT_BINARY_DIR}/engines/py.typed")

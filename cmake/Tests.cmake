@@ -1,0 +1,63 @@
+# The tests: `core` needs no interpreter; `module`, `example` and `plain` run under the one that the
+# module is built for.
+
+if(DECISION_BOUNDS_GTEST_SOURCE)
+    set(INSTALL_GTEST OFF)
+    add_subdirectory("${DECISION_BOUNDS_GTEST_SOURCE}" googletest EXCLUDE_FROM_ALL)
+    set(GTest_FOUND TRUE)
+else()
+    find_package(GTest)
+endif()
+
+if(GTest_FOUND)
+    file(GLOB core_test_sources CONFIGURE_DEPENDS tests/core/*.cpp)
+    add_executable(core_tests ${core_test_sources})
+    target_link_libraries(core_tests PRIVATE decision_bounds_core GTest::gmock_main project_warnings)
+    add_test(NAME core COMMAND core_tests)
+else()
+    # The demo is built without GoogleTest; `scripts/setup test` installs it.
+    message(STATUS "GoogleTest was not found: the tests of the core are left out")
+endif()
+
+if(NOT DECISION_BOUNDS_MODULE)
+    return()
+endif()
+
+# add_python_test(NAME FOLDER PATH...): runs tests/FOLDER with PATH... as PYTHONPATH. The working
+# directory is searched first, so it must not be the build tree, which has an `engines` of its own.
+function(add_python_test name folder)
+    list(JOIN ARGN ":" path)
+    add_test(
+        NAME ${name}
+        COMMAND "${python}" -m unittest discover -s tests/${folder} -t .
+        WORKING_DIRECTORY "${PROJECT_SOURCE_DIR}")
+    set_tests_properties(${name} PROPERTIES ENVIRONMENT "PYTHONPATH=${path};${sanitizer_environment}")
+endfunction()
+
+if(DECISION_BOUNDS_SANITIZERS AND NOT CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    message(STATUS "The module is tested under a sanitizer with g++ only")
+    return()
+endif()
+
+if(DECISION_BOUNDS_SANITIZERS MATCHES "address")
+    # The interpreter is not built with the sanitizer, so its runtime must be there before all else, and
+    # the C++ library with it, whose throw it wraps at start. What the interpreter itself leaves at
+    # exit is no leak of ours; its own allocator would hide a use after free.
+    foreach(library libasan.so libstdc++.so)
+        execute_process(
+            COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=${library}
+            OUTPUT_VARIABLE path
+            OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+        list(APPEND preloaded "${path}")
+    endforeach()
+    list(JOIN preloaded ":" preloaded)
+    set(sanitizer_environment "LD_PRELOAD=${preloaded}" "ASAN_OPTIONS=detect_leaks=0"
+                              "PYTHONMALLOC=malloc")
+endif()
+
+add_python_test(module module "${PROJECT_BINARY_DIR}")
+add_python_test(example example "${PROJECT_BINARY_DIR}" "${PROJECT_SOURCE_DIR}")
+if(NOT DECISION_BOUNDS_SANITIZERS)
+    # The same tests on the twin in plain Python: an expectation that both share is no accident of either.
+    add_python_test(plain module "${PROJECT_SOURCE_DIR}/bench/plain")
+endif()
