@@ -19,9 +19,9 @@ struct DailySpend {
   using Text = typename H::Text;
   using Flag = typename H::Flag;
 
-  Amount cap_{};                   ///< What the calls of one day may cost, USD.
+  Amount cap_{};                      ///< What the calls of one day may cost, USD.
   typename H::DateFunction today_{};  ///< Answers today's UTC date, compared only for equality.
-  typename H::Ledger ledger_{};    ///< Answers what was paid since a date, USD; may be absent.
+  typename H::Ledger ledger_{};       ///< Answers what was paid since a date, USD; may be absent.
   typename H::Condition changed_{};
   typename H::HeldRecord held_{};  ///< What the calls in flight hold, USD.
   Text day_{};                     ///< The date that `cost_` counts; empty before the first.
@@ -53,8 +53,9 @@ struct DailySpend {
       return Amount(0.0);
     }
     Amount cost(0.0);
-    H::attempt([&] { cost = H::to_amount(ledger_(day)); },
-               [&](const auto& error) { host.warn(messages::ledger_warning, day, error); });
+    H::attempt(
+        [&] { cost = H::to_amount(ledger_(day)); },
+        [&](const auto& error) { host.warn_of_error(messages::ledger_warning, day, error); });
     return cost;
   }
 

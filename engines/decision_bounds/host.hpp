@@ -2,10 +2,10 @@
 
 /// What the bounds ask of the world they run in.
 ///
-/// Each bound is written once, over a host: plain C++ (native.hpp) or an interpreter, whose numbers,
-/// locks and callbacks are objects of its own. A host is passed to the operations that need it and
-/// is never global. Count and Amount have the operators + - * / < > >= and the like; where a bound
-/// turns a count into an amount, it says so with `H::amount`.
+/// Each bound is written once, over a host: plain C++ (native.hpp) or an interpreter, whose
+/// numbers, locks and callbacks are objects of its own. A host is passed to the operations that
+/// need it and is never global. Count and Amount have the operators + - * / < > >= and the like;
+/// where a bound turns a count into an amount, it says so with `H::amount`.
 
 #include <concepts>
 
@@ -28,7 +28,9 @@ concept HostNumbers = requires(typename H::Count count, typename H::Amount amoun
   { count >= count } -> std::same_as<bool>;
   { amount + amount } -> std::convertible_to<typename H::Amount>;
   { amount - amount } -> std::convertible_to<typename H::Amount>;
+  // clang-format off
   { amount * amount } -> std::convertible_to<typename H::Amount>;
+  // clang-format on
   { amount / amount } -> std::convertible_to<typename H::Amount>;
   { amount < amount } -> std::same_as<bool>;
   { amount > amount } -> std::same_as<bool>;
@@ -60,14 +62,13 @@ concept HostCallbacks = requires(const H& host, const typename H::StopFunction& 
 };
 
 /// Locks and waiting. `locked(lock, block)` runs the block with the lock held, gives the lock up
-/// however the block ends, and answers what the block answers. A condition's lock is reentrant, and `wait` on a condition (wait.hpp)
-/// gives it up wholly while it sleeps.
+/// however the block ends, and answers what the block answers. A condition's lock is reentrant, and
+/// `wait` on a condition (wait.hpp) gives it up wholly while it sleeps.
 template <typename H>
 concept HostThreads = requires(const H& host, typename H::Condition& changed,
                                typename H::Mutex& mutex, const typename H::StopFunction& stopping,
-                               const typename H::Deadline& deadline,
-                               const typename H::Clock& clock, RunBudget<H>& budget,
-                               void (*block)()) {
+                               const typename H::Deadline& deadline, const typename H::Clock& clock,
+                               RunBudget<H>& budget, void (*block)()) {
   host.locked(changed, block);
   host.locked(mutex, block);
   host.notify_all(changed);

@@ -67,7 +67,9 @@ void Condition::wait(double seconds) {
   depth_ = depth;
 }
 
-double Native::rounded(double cost) { return rounded_to_millionths(cost); }
+double Native::rounded(double cost) {
+  return rounded_to_millionths(cost);
+}
 
 void Native::wait(Condition& changed, const StopFunction& stopping, const Deadline& deadline,
                   const Clock& clock) const {
@@ -104,7 +106,8 @@ void Native::warn(const char* text, double cost, double cap) const {
   }
 }
 
-void Native::warn(const char* text, const std::string& day, const std::exception& error) const {
+void Native::warn_of_error(const char* text, const std::string& day,
+                           const std::exception& error) const {
   if (log != nullptr) {
     log->warning(fill_in(text, "%s", day) + ": " + error.what());
   }

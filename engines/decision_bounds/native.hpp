@@ -1,6 +1,7 @@
 #pragma once
 
-/// The bounds in plain C++: `double` and `int64_t`, exceptions, and a share that a scope gives back.
+/// The bounds in plain C++: `double` and `int64_t`, exceptions, and a share that a scope gives
+/// back.
 ///
 ///     native::RunBudget budget{.max_calls = 40, .max_tokens = 90'000};
 ///     native::HeldShare share = budget.hold(1'500.0);   // may wait, or throw a DecisionError
@@ -58,8 +59,8 @@ class StopFunction {
  public:
   StopFunction() = default;
   template <typename Function>
-    requires std::predicate<Function>
-  StopFunction(Function function) : function_(std::move(function)) {}
+  requires std::predicate<Function> StopFunction(Function function)
+      : function_(std::move(function)) {}
 
   bool operator()() const { return function_ && function_(); }
 
@@ -166,7 +167,7 @@ struct Native {
   [[noreturn]] static void refuse(Refusal refusal, const char* text, const Summary& summary);
   [[noreturn]] static void refuse(Refusal refusal, const char* text, double cost, double cap);
   void warn(const char* text, double cost, double cap) const;
-  void warn(const char* text, const std::string& day, const std::exception& error) const;
+  void warn_of_error(const char* text, const std::string& day, const std::exception& error) const;
 };
 
 using RequestRates = decision_bounds::RequestRates<Native>;

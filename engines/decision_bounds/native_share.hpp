@@ -13,9 +13,9 @@ namespace decision_bounds::native {
 
 /// What a bound reads of a reply.
 struct PaidReply {
-  bool cached = false;           ///< From the client's cache: nothing was paid for it.
+  bool cached = false;  ///< From the client's cache: nothing was paid for it.
   std::int64_t input_tokens = 0;
-  double cost = 0.0;             ///< USD.
+  double cost = 0.0;  ///< USD.
 };
 
 using GiveBack = std::function<void(const PaidReply* reply)>;

@@ -25,15 +25,14 @@ struct RequestRates {
   /// The most that a request of `size` bytes may cost, USD; infinite while no reply of `feature`
   /// has been taken in.
   Amount cost(const Count& size, const Text& feature, const H& host = {}) {
-    return host.locked(
-        lock_, [&] { return features_.contains(feature) ? cost_.bound(size) : unknown(); });
+    return host.locked(lock_,
+                       [&] { return features_.contains(feature) ? cost_.bound(size) : unknown(); });
   }
 
   /// The most input tokens that a request of `size` bytes may use; infinite while no reply has
   /// been taken in.
   Amount tokens(const Count& size, const H& host = {}) {
-    return host.locked(lock_,
-                       [&] { return features_.empty() ? unknown() : tokens_.bound(size); });
+    return host.locked(lock_, [&] { return features_.empty() ? unknown() : tokens_.bound(size); });
   }
 
   /// Takes in what the paid reply to a request of `size` bytes cost and used. When a property of

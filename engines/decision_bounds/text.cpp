@@ -27,8 +27,7 @@ std::string shortest_text(double value) {
   }
   Buffer buffer;
   const auto format = [&](std::chars_format form) {
-    const auto end =
-        std::to_chars(buffer.data(), buffer.data() + buffer.size(), value, form).ptr;
+    const auto end = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value, form).ptr;
     return std::string(buffer.data(), end);
   };
   const std::string scientific = format(std::chars_format::scientific);

@@ -1,0 +1,47 @@
+#include "decision_bounds/charges.hpp"
+#include "python_host/declaration.hpp"
+#include "python_host/surface.hpp"
+
+namespace decision_bounds::python {
+
+namespace {
+
+using HostCharges = Charges<Python>;
+
+constexpr std::array fields = {"per_byte", "per_call"};
+
+constexpr Declaration declaration = {"_Charges", R"(
+class _Charges:
+    """The most that one paid reply came to (USD or input tokens): per byte of its request, and whole.
+
+    Neither maximum ever falls. There is no lock: the owner's guards the record.
+    """
+
+    per_byte: float = 0.0
+    per_call: float = 0.0
+
+    def bound(self, size: int) -> float:
+        """The most that a request of ``size`` bytes may come to."""
+
+    def learn(self, size: int, charge: float) -> None:
+        """Take in what the reply to a request of ``size`` bytes came to."""
+)"};
+
+constexpr Definition operations[] = {
+    {"bound", body<[](const Python&, const Arguments& arguments) {
+       return arguments.self<HostCharges>().bound(arguments.get(1));
+     }>},
+    {"learn", body<[](const Python&, const Arguments& arguments) {
+       arguments.self<HostCharges>().learn(arguments.get(1), arguments.get(2));
+     }>},
+};
+
+}  // namespace
+
+void bind_charges(State* state) {
+  bind_class(state, declaration,
+             make_type<HostCharges>(state->module, "decision_bounds._Charges", fields), fields,
+             operations);
+}
+
+}  // namespace decision_bounds::python

@@ -1,0 +1,106 @@
+#include "decision_bounds/daily_spend.hpp"
+#include "python_host/declaration.hpp"
+#include "python_host/imports.hpp"
+#include "python_host/surface.hpp"
+
+namespace decision_bounds::python {
+
+namespace {
+
+using HostSpend = DailySpend<Python>;
+
+constexpr std::array fields = {
+    "_cap", "_today", "_ledger", "_changed", "_held", "_day", "_cost", "_capped",
+};
+
+constexpr Declaration declaration = {"DailySpend", R"(
+class DailySpend:
+    """The bound of what the paid calls of one UTC day cost (USD), continued from a ledger.
+
+    One for all the paid calls of a client, from any thread, across days. A call holds what it may
+    cost from ``admit`` until its share is settled, and is counted on the day on which it settles.
+    """
+
+    def __init__(self, cap: float, today: Callable[[], str],
+                 ledger: Callable[[str], float] | None) -> None:
+        """Bound each day by ``cap`` USD.
+
+        ``today()`` answers today's UTC date (``YYYY-MM-DD``), ``ledger(date)`` what was paid since
+        that date (USD; None: nothing). Both are asked with the lock held, the ledger once for each
+        date, and must not use this object. A ledger that fails is logged and counts as 0.
+        """
+
+    def spent(self) -> float:
+        """What the paid calls of today cost so far, USD, without what calls in flight hold."""
+
+    def admit(self, bound: Callable[[], float], *, deadline: float | None,
+              clock: Callable[[], float], stopping: Callable[[], bool]) -> Share:
+        """Admit a call that may cost ``bound()`` USD, or wait while calls in flight hold the rest.
+
+        ``bound`` is asked again after each wait; it answers infinity where the cost is not known.
+        Raises ``DecisionBudgetExceeded`` where today's settled calls have reached the cap (logged
+        once a day) and, only while it waits, ``DecisionStopped`` where ``stopping()`` says so and
+        ``DecisionTimeout`` where ``clock()`` has reached ``deadline`` (seconds; None: no limit).
+        Whatever is raised, nothing is held.
+        """
+
+    def charge(self, reply: PaidReply) -> None:
+        """Count what a reply cost without any share: sent, never read, but perhaps billed."""
+
+    def _give_back(self, held: float, reply: PaidReply | None) -> None:
+        """End a call that held ``held`` USD, with its paid reply or None.
+
+        The amount is given back in every case. What reading the date or the reply raises is raised
+        here, and the cost is then not counted.
+        """
+
+    def _today_locked(self) -> float:
+        """Today's settled spend, USD, starting a new day where the date has changed."""
+
+    def _spent_since(self, day: str) -> float:
+        """What the ledger says that the paid calls since ``day`` cost, USD, or 0.0."""
+)"};
+
+constexpr Definition operations[] = {
+    {"__init__", body<[](const Python& host, const Arguments& arguments) {
+       auto& spend = arguments.self<HostSpend>();
+       spend.cap_ = arguments.get(1);
+       spend.today_ = arguments.get<Function>(2);
+       spend.ledger_ = arguments.get<Function>(3);
+       spend.changed_ = Condition(call_method("Condition", host.state->threading));
+       spend.held_ = HeldRecord(call(host.state->global(Name::held)));
+       spend.day_ = interned("");
+       spend.cost_ = Ref(0.0);
+       spend.capped_ = Ref(false);
+     }>},
+    {"spent", body<[](const Python& host, const Arguments& arguments) {
+       return arguments.self<HostSpend>().spent(host);
+     }>},
+    {"admit", body<[](const Python& host, const Arguments& arguments) {
+       return arguments.self<HostSpend>().admit(
+           arguments.get<Function>(1), arguments.get<Optional>(2), arguments.get<Function>(3),
+           arguments.get<StopFunction>(4), host);
+     }>},
+    {"charge", body<[](const Python& host, const Arguments& arguments) {
+       arguments.self<HostSpend>().charge(arguments.get(1), host);
+     }>},
+    {"_give_back", body<[](const Python& host, const Arguments& arguments) {
+       arguments.self<HostSpend>().give_back(arguments.get(1), arguments.get<Optional>(2), host);
+     }>},
+    {"_today_locked", body<[](const Python& host, const Arguments& arguments) {
+       return arguments.self<HostSpend>().today_locked(host);
+     }>},
+    {"_spent_since", body<[](const Python& host, const Arguments& arguments) {
+       return arguments.self<HostSpend>().spent_since(arguments.get(1), host);
+     }>},
+};
+
+}  // namespace
+
+void bind_daily_spend(State* state) {
+  bind_class(state, declaration,
+             make_type<HostSpend>(state->module, "decision_bounds.DailySpend", fields), fields,
+             operations);
+}
+
+}  // namespace decision_bounds::python

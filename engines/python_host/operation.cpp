@@ -1,0 +1,258 @@
+#include "python_host/operation.hpp"
+
+#include <algorithm>
+
+#include "python_host/imports.hpp"
+
+namespace decision_bounds::python {
+
+namespace {
+
+/// Enough for every operation of the module; checked when one is made.
+constexpr Py_ssize_t most_parameters = 6;
+
+struct Operation {
+  // clang-format off
+  PyObject_HEAD
+  vectorcallfunc vectorcall;
+  // clang-format on
+  State* state;
+  Body body;
+  PyObject* module;            ///< Keeps the state.
+  PyObject* declared;          ///< The function of the host's language that declares the operation.
+  PyObject* names;             ///< The parameters' names, interned.
+  PyObject* defaults;          ///< Of the last parameters that can be passed by position, or null.
+  PyObject* keyword_defaults;  ///< Of parameters that can only be passed by name, or null.
+  Py_ssize_t positional;       ///< Parameters that can be passed by position.
+  Py_ssize_t parameters;       ///< With those that can only be passed by name.
+  bool takes_any_more;         ///< Further arguments by position are taken and ignored.
+  PyObject* dict;
+  PyObject* weak_references;
+};
+
+Operation* operation_of(PyObject* object) {
+  return reinterpret_cast<Operation*>(object);
+}
+
+int traverse(PyObject* object, visitproc visit, void* arg) {
+  Operation* self = operation_of(object);
+  Py_VISIT(Py_TYPE(object));
+  Py_VISIT(self->module);
+  Py_VISIT(self->declared);
+  Py_VISIT(self->defaults);
+  Py_VISIT(self->keyword_defaults);
+  Py_VISIT(self->dict);
+  return 0;
+}
+
+// There is no clear: an operation can be called as long as anybody holds it. The cycles that it is
+// part of go through the module's dictionary or a class, which are cleared.
+void dealloc(PyObject* object) {
+  PyTypeObject* type = Py_TYPE(object);
+  PyObject_GC_UnTrack(object);
+  Operation* self = operation_of(object);
+  if (self->weak_references != nullptr) {
+    PyObject_ClearWeakRefs(object);
+  }
+  Py_CLEAR(self->dict);
+  Py_CLEAR(self->keyword_defaults);
+  Py_CLEAR(self->defaults);
+  Py_CLEAR(self->names);
+  Py_CLEAR(self->declared);
+  Py_CLEAR(self->module);
+  type->tp_free(object);
+  Py_DECREF(type);
+}
+
+/// The place of the parameter that a keyword names, or a negative number.
+Py_ssize_t parameter_named(const Operation& self, PyObject* keyword) {
+  for (Py_ssize_t index = 0; index < self.parameters; ++index) {
+    if (PyTuple_GET_ITEM(self.names, index) == keyword) {
+      return index;
+    }
+  }
+  for (Py_ssize_t index = 0; index < self.parameters; ++index) {
+    const int equal = PyObject_RichCompareBool(keyword, PyTuple_GET_ITEM(self.names, index), Py_EQ);
+    check(equal);
+    if (equal != 0) {
+      return index;
+    }
+  }
+  return -1;
+}
+
+PyObject* default_of(const Operation& self, Py_ssize_t parameter) {
+  if (parameter >= self.positional) {
+    return self.keyword_defaults == nullptr
+               ? nullptr
+               : PyDict_GetItemWithError(self.keyword_defaults,
+                                         PyTuple_GET_ITEM(self.names, parameter));
+  }
+  const Py_ssize_t count = self.defaults == nullptr ? 0 : PyTuple_GET_SIZE(self.defaults);
+  const Py_ssize_t index = parameter - (self.positional - count);
+  return index < 0 ? nullptr : PyTuple_GET_ITEM(self.defaults, index);
+}
+
+/// Puts the arguments of a call in the order of the parameters. Answers false where they do not
+/// fit.
+bool bind(const Operation& self, PyObject* const* arguments, Py_ssize_t given, PyObject* keywords,
+          PyObject** places) {
+  if (given > self.positional && !self.takes_any_more) {
+    return false;
+  }
+  std::copy_n(arguments, std::min(given, self.positional), places);
+  const Py_ssize_t named = keywords == nullptr ? 0 : PyTuple_GET_SIZE(keywords);
+  for (Py_ssize_t index = 0; index < named; ++index) {
+    const Py_ssize_t parameter = parameter_named(self, PyTuple_GET_ITEM(keywords, index));
+    if (parameter < 0 || places[parameter] != nullptr) {
+      return false;
+    }
+    places[parameter] = arguments[given + index];
+  }
+  for (Py_ssize_t parameter = 0; parameter < self.parameters; ++parameter) {
+    if (places[parameter] == nullptr) {
+      places[parameter] = default_of(self, parameter);
+    }
+    if (places[parameter] == nullptr) {
+      return false;
+    }
+  }
+  return true;
+}
+
+PyObject* vectorcall(PyObject* callable, PyObject* const* arguments, std::size_t flags,
+                     PyObject* keywords) {
+  const Operation& self = *operation_of(callable);
+  const Py_ssize_t given = PyVectorcall_NARGS(flags);
+  try {
+    const Python host{self.state};
+    if (keywords == nullptr && given == self.parameters && given == self.positional) {
+      return self.body(host, Arguments(arguments)).release();
+    }
+    PyObject* places[most_parameters] = {};
+    if (bind(self, arguments, given, keywords, places)) {
+      return self.body(host, Arguments(places)).release();
+    }
+    // The declared function does not take them either, and words the error as the host does.
+    Ref::checked(PyObject_Vectorcall(self.declared, arguments, flags, keywords));
+    PyErr_SetString(PyExc_SystemError, "the arguments do not fit");
+    return nullptr;
+  } catch (const Raised&) {
+    return nullptr;
+  } catch (const std::bad_alloc&) {
+    return PyErr_NoMemory();
+  }
+}
+
+PyObject* bind_to_object(PyObject* operation, PyObject* object, PyObject* /*type*/) {
+  return object == nullptr || object == Py_None ? Py_NewRef(operation)
+                                                : PyMethod_New(operation, object);
+}
+
+PyObject* repr(PyObject* object) {
+  PyObject* name = PyObject_GetAttrString(operation_of(object)->declared, "__qualname__");
+  PyObject* text = name == nullptr ? nullptr : PyUnicode_FromFormat("<operation %U>", name);
+  Py_XDECREF(name);
+  return text;
+}
+
+/// Pickled by its name, as a function is.
+PyObject* reduce(PyObject* object, PyObject* /*none*/) {
+  return PyObject_GetAttrString(operation_of(object)->declared, "__qualname__");
+}
+
+/// What the declared function answers to the attribute that the closure names.
+PyObject* declared_attribute(PyObject* object, void* name) {
+  return PyObject_GetAttrString(operation_of(object)->declared, static_cast<const char*>(name));
+}
+
+constexpr PyGetSetDef answered_by_declared(const char* name) {
+  return {name, declared_attribute, nullptr, nullptr, const_cast<char*>(name)};
+}
+
+PyGetSetDef attributes[] = {
+    answered_by_declared("__name__"),
+    answered_by_declared("__qualname__"),
+    answered_by_declared("__module__"),
+    answered_by_declared("__doc__"),
+    answered_by_declared("__annotations__"),
+    answered_by_declared("__defaults__"),
+    answered_by_declared("__kwdefaults__"),
+    answered_by_declared("__code__"),
+    answered_by_declared("__globals__"),
+    {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
+    {nullptr, nullptr, nullptr, nullptr, nullptr},
+};
+
+PyMemberDef members[] = {
+    {"__vectorcalloffset__", T_PYSSIZET, offsetof(Operation, vectorcall), READONLY, nullptr},
+    {"__dictoffset__", T_PYSSIZET, offsetof(Operation, dict), READONLY, nullptr},
+    {"__weaklistoffset__", T_PYSSIZET, offsetof(Operation, weak_references), READONLY, nullptr},
+    {nullptr, 0, 0, 0, nullptr},
+};
+
+PyMethodDef methods[] = {
+    {"__reduce__", reduce, METH_NOARGS, nullptr},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+PyType_Slot slots[] = {
+    {Py_tp_dealloc, reinterpret_cast<void*>(dealloc)},
+    {Py_tp_traverse, reinterpret_cast<void*>(traverse)},
+    {Py_tp_call, reinterpret_cast<void*>(PyVectorcall_Call)},
+    {Py_tp_descr_get, reinterpret_cast<void*>(bind_to_object)},
+    {Py_tp_repr, reinterpret_cast<void*>(repr)},
+    {Py_tp_getset, attributes},
+    {Py_tp_members, members},
+    {Py_tp_methods, methods},
+    {0, nullptr},
+};
+
+PyType_Spec type_spec = {"decision_bounds.operation", sizeof(Operation), 0,
+                         Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL |
+                             Py_TPFLAGS_METHOD_DESCRIPTOR | Py_TPFLAGS_DISALLOW_INSTANTIATION |
+                             Py_TPFLAGS_IMMUTABLETYPE,
+                         slots};
+
+Py_ssize_t integer_attribute(const Ref& object, const char* name) {
+  const Py_ssize_t value = PyLong_AsSsize_t(attribute(object, name).get());
+  check(value == -1 && PyErr_Occurred() != nullptr ? -1 : 0);
+  return value;
+}
+
+/// The attribute, or null where it is none.
+PyObject* some_attribute(const Ref& object, const char* name) {
+  Ref value = attribute(object, name);
+  return value.get() == Py_None ? nullptr : value.release();
+}
+
+}  // namespace
+
+Ref make_operation_type(PyObject* module) {
+  return Ref::checked(PyType_FromModuleAndSpec(module, &type_spec, nullptr));
+}
+
+Ref make_operation(State* state, const Ref& declared, Body body) {
+  auto* type = reinterpret_cast<PyTypeObject*>(state->operation_type.get());
+  Ref object = Ref::checked(type->tp_alloc(type, 0));
+  Operation* self = operation_of(object.get());
+  self->vectorcall = vectorcall;
+  self->state = state;
+  self->body = body;
+  self->module = Py_NewRef(state->module);
+  self->declared = Py_NewRef(declared.get());
+  const Ref code = attribute(declared, "__code__");
+  self->names = attribute(code, "co_varnames").release();
+  self->defaults = some_attribute(declared, "__defaults__");
+  self->keyword_defaults = some_attribute(declared, "__kwdefaults__");
+  self->positional = integer_attribute(code, "co_argcount");
+  self->parameters = self->positional + integer_attribute(code, "co_kwonlyargcount");
+  self->takes_any_more = (integer_attribute(code, "co_flags") & CO_VARARGS) != 0;
+  if (self->parameters > most_parameters) {
+    PyErr_SetString(PyExc_SystemError, "an operation has too many parameters");
+    throw Raised{};
+  }
+  return object;
+}
+
+}  // namespace decision_bounds::python

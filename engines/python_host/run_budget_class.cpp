@@ -1,0 +1,113 @@
+#include "decision_bounds/run_budget.hpp"
+#include "python_host/declaration.hpp"
+#include "python_host/surface.hpp"
+
+namespace decision_bounds::python {
+
+namespace {
+
+using HostBudget = RunBudget<Python>;
+
+constexpr std::array fields = {
+    "max_calls",  "max_tokens", "calls",       "input_tokens", "cost",
+    "cache_hits", "in_flight",  "should_stop", "_held_tokens", "_changed",
+};
+
+constexpr Declaration declaration = {"RunBudget", R"(
+class RunBudget:
+    """The bound of one batch pass: paid calls, input tokens, and whether it was asked to stop.
+
+    Shared by the threads that make the pass's calls. A paid call holds a call slot and the input
+    tokens that it may use (infinite where not known) from ``hold`` or ``reserve`` until it ends, by
+    its share or by exactly one ``charge`` or ``release`` of the same tokens. ``cost`` is in USD.
+    """
+
+    max_calls: int
+    max_tokens: int
+    calls: int = 0
+    input_tokens: int = 0
+    cost: float = 0.0
+    cache_hits: int = 0
+    in_flight: int = 0
+    should_stop: Callable[[], bool] = field(default=never, repr=False, compare=False)
+    _held_tokens: _Held = field(default_factory=_Held, repr=False, compare=False)
+    _changed: threading.Condition = field(
+        default_factory=threading.Condition, repr=False, compare=False
+    )
+
+    def stopping(self) -> bool:
+        """Whether the pass has been asked to stop. Takes no lock."""
+
+    def exhausted(self) -> bool:
+        """Whether no call slot or no token is left; calls in flight count as calls."""
+
+    def _exhausted_locked(self) -> bool:
+        """As ``exhausted``, for a caller that holds the lock."""
+
+    def reserve(self, tokens: float = 0.0) -> None:
+        """Admit a call that may use ``tokens``, or wait while calls in flight hold what is left.
+
+        Raises ``DecisionStopped`` where the pass was asked to stop, on entry or while it waits, and
+        ``DecisionBudgetExceeded`` where every call slot is taken or the paid calls have used the
+        tokens. Whatever is raised, nothing is held.
+        """
+
+    def hold(self, tokens: float) -> Share:
+        """As ``reserve``; return the share that gives the slot and the tokens back exactly once."""
+
+    def release(self, tokens: float = 0.0) -> None:
+        """End a call without a paid reply: give back its slot and its tokens."""
+
+    def charge(self, result: PaidReply, tokens: float = 0.0) -> None:
+        """Count a paid reply and give back the slot and the tokens of its call.
+
+        A cached reply is only counted as a cache hit. What reading the reply raises is raised here;
+        the steps before it stay done.
+        """
+
+    def summary(self) -> dict[str, Any]:
+        """What the settled calls have used against the limits; the cost in USD, to 6 decimals."""
+
+    def _summary_locked(self) -> dict[str, Any]:
+        """As ``summary``, for a caller that holds the lock."""
+)"};
+
+constexpr Definition operations[] = {
+    {"stopping", body<[](const Python&, const Arguments& arguments) {
+       return arguments.self<HostBudget>().stopping();
+     }>},
+    {"exhausted", body<[](const Python& host, const Arguments& arguments) {
+       return arguments.self<HostBudget>().exhausted(host);
+     }>},
+    {"_exhausted_locked", body<[](const Python&, const Arguments& arguments) {
+       return arguments.self<HostBudget>().exhausted_locked();
+     }>},
+    {"reserve", body<[](const Python& host, const Arguments& arguments) {
+       arguments.self<HostBudget>().reserve(arguments.get(1), host);
+     }>},
+    {"hold", body<[](const Python& host, const Arguments& arguments) {
+       return arguments.self<HostBudget>().hold(arguments.get(1), host);
+     }>},
+    {"release", body<[](const Python& host, const Arguments& arguments) {
+       arguments.self<HostBudget>().release(arguments.get(1), host);
+     }>},
+    {"charge", body<[](const Python& host, const Arguments& arguments) {
+       arguments.self<HostBudget>().charge(arguments.get(1), arguments.get(2), host);
+     }>},
+    {"summary", body<[](const Python& host, const Arguments& arguments) {
+       return arguments.self<HostBudget>().summary(host);
+     }>},
+    {"_summary_locked", body<[](const Python& host, const Arguments& arguments) {
+       return arguments.self<HostBudget>().summary_locked(host);
+     }>},
+};
+
+}  // namespace
+
+void bind_run_budget(State* state) {
+  bind_class(state, declaration,
+             make_type<HostBudget>(state->module, "decision_bounds.RunBudget", fields), fields,
+             operations);
+}
+
+}  // namespace decision_bounds::python
