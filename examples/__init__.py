@@ -1,0 +1,1 @@
+"""Runnable examples of clients that bound what they pay."""

@@ -1,0 +1,158 @@
+"""The command line of the batch pass."""
+
+from __future__ import annotations
+
+import argparse
+import contextlib
+import logging
+import math
+import os
+import signal
+import sys
+import time
+from concurrent.futures import ThreadPoolExecutor
+from pathlib import Path
+from typing import NoReturn, Sequence
+
+from examples.batch_pass.batch import BatchPass
+from examples.batch_pass.client import DecisionClient, Request
+from examples.batch_pass.endpoint import Endpoint
+from examples.batch_pass.ledger import Ledger, LedgerError, default_ledger
+from examples.batch_pass.progress import Progress
+from examples.batch_pass.remote import Remote
+from examples.batch_pass.report import progress_line, summary
+from examples.batch_pass.tally import Tally
+from examples.batch_pass.tool import ask_as_tool
+
+LEDGER_FAILED, USAGE, BOUND_REACHED, ENDPOINT_FAILED, INTERRUPTED = 1, 2, 3, 4, 130
+_LEDGER = "batch_pass/ledger.sqlite3 in $XDG_CACHE_HOME or ~/.cache"
+_STATUSES = """exit status: 0 all requests decided, 1 the ledger failed during the pass, 2 usage or
+unreadable input, 3 a bound was reached, 4 the endpoint failed, 130 interrupted"""
+
+
+class InputError(Exception):
+    """The requests cannot be read; the text says why."""
+
+
+class _Parser(argparse.ArgumentParser):
+    def error(self, message: str) -> NoReturn:
+        self.exit(USAGE, f"{self.prog}: {message} (--help shows the usage)\n")
+
+
+# A value that one of these refuses is reported under the name of its function.
+def usd(text: str) -> float:
+    amount = float(text)
+    if not 0.0 <= amount < math.inf:
+        raise ValueError
+    return amount
+
+
+def count(text: str) -> int:
+    number = int(text)
+    if number < 0:
+        raise ValueError
+    return number
+
+
+def threads(text: str) -> int:
+    number = int(text)
+    if not 1 <= number <= 256:
+        raise ValueError
+    return number
+
+
+def url(text: str) -> Remote:
+    return Remote(text)
+
+
+def _parser() -> argparse.ArgumentParser:
+    parser = _Parser(
+        prog="batch_pass",
+        description="Decide the requests of a text file, one a line, at a metered endpoint.",
+        epilog=_STATUSES,
+    )
+    add = parser.add_argument
+    shipped = Path(__file__).with_name("requests.txt")
+    add("file", metavar="FILE", nargs="?", type=Path, default=shipped, help="else one shipped")
+    add("--threads", metavar="N", type=threads, default=8, help="calls at once (%(default)s)")
+    add("--cap", metavar="USD", type=usd, default=0.2, help="daily cost cap (%(default)s)")
+    add("--max-calls", metavar="N", type=count, default=400, help="paid calls (%(default)s)")
+    add("--max-tokens", metavar="N", type=count, default=40_000, help="input tokens (%(default)s)")
+    add("--ledger", metavar="PATH", type=Path, help=f"SQLite file, also the cache ({_LEDGER})")
+    add("--endpoint", metavar="URL", type=url, help="else one that this command serves")
+    add("--decisions", action="store_true", help="print what was decided, in the file's order")
+    return parser
+
+
+def read_requests(path: Path) -> list[Request]:
+    """The lines of ``path`` that are not blank. Raises ``InputError`` if there are none."""
+    try:
+        lines = path.read_text(encoding="utf-8-sig").split("\n")
+    except OSError as error:
+        raise InputError(f"cannot read {path}: {error.strerror}") from error
+    except UnicodeDecodeError as error:
+        raise InputError(f"cannot read {path}: it is not UTF-8 text") from error
+    requests = [Request(line.strip()) for line in lines if line.strip()]
+    if not requests:
+        raise InputError(f"{path} has no requests: every line is blank")
+    return requests
+
+
+def _print(lines: Sequence[str]) -> None:
+    """Prints to the standard output, whose reader may have had enough."""
+    try:
+        print("\n".join(lines), flush=True)
+    except OSError as error:
+        if not isinstance(error, BrokenPipeError):
+            print(f"batch_pass: cannot print the report: {error.strerror}", file=sys.stderr)
+        # What is left in the buffer must not fail again when the interpreter ends.
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+
+
+def _status(batch: BatchPass) -> int:
+    if batch.ledger_failure:
+        return LEDGER_FAILED
+    if batch.decided == len(batch.requests):
+        return 0
+    if batch.interrupted:
+        return INTERRUPTED
+    return ENDPOINT_FAILED if batch.unavailable else BOUND_REACHED
+
+
+def _run(options: argparse.Namespace, ledger: Ledger, remote: Remote) -> int:
+    tally = Tally()
+    progress = Progress()
+    logging.basicConfig(level=logging.WARNING, handlers=[progress])
+    client = DecisionClient(remote, ledger, options.cap, tally)
+    batch = BatchPass(client, options.requests, options.max_calls, options.max_tokens)
+    signal.signal(signal.SIGINT, lambda *_: batch.interrupt())
+    started = time.monotonic()
+    with ThreadPoolExecutor(1) as aside:
+        tool = aside.submit(ask_as_tool, client, batch.stopping)
+        batch.run(options.threads, lambda: progress.show(progress_line(batch, client, options.cap)))
+    progress.show("")
+
+    for failure in filter(None, (batch.ledger_failure, batch.unavailable)):
+        print(f"batch_pass: {failure}", file=sys.stderr)
+    lines = summary(batch, client, tally, options.cap, time.monotonic() - started)
+    if options.decisions:
+        decided = ((reply.decision if reply else "-") for reply in batch.replies)
+        lines[:0] = [f"{decision:10}{r.text}" for decision, r in zip(decided, batch.requests)]
+    _print([*lines, f"Tool      {tool.result()}"])
+    return _status(batch)
+
+
+def main(arguments: Sequence[str] | None = None) -> int:
+    """Runs one batch pass as ``arguments`` ask. Returns the exit status."""
+    options = _parser().parse_args(arguments)
+    with contextlib.ExitStack() as opened:
+        try:
+            options.requests = read_requests(options.file)
+            ledger = Ledger(options.ledger or default_ledger())
+            opened.callback(ledger.close)
+            remote = options.endpoint or Remote(opened.enter_context(Endpoint()).url)
+        except (InputError, LedgerError, OSError) as error:
+            print(f"batch_pass: {error}", file=sys.stderr)
+            return USAGE
+        status = _run(options, ledger, remote)
+    return status
