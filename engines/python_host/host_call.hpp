@@ -14,7 +14,7 @@ namespace decision_bounds::python {
 /// the lock: half of the exits with waiting calls crashed. So the thread stays asleep here instead,
 /// as later interpreters have it. Nothing else is ever thrown through the interpreter.
 template <typename Call>
-auto host_call(const Call& call) {
+[[gnu::always_inline]] inline auto host_call(const Call& call) {
   try {
     return call();
   } catch (...) {

@@ -4,50 +4,49 @@
 /// take a short way with the very same result.
 
 #include <cmath>
-#include <cstdint>
+#include <cstddef>
 #include <functional>
 
 #include "python_host/ref.hpp"
 
 namespace decision_bounds::python {
 
-/// The value of an exact float, or of an exact int of one machine digit, which a double holds
-/// exactly. Of any other object, and of a field that is not set, nothing is known.
-struct SmallNumber {
-  enum class Kind { other, integer, floating };
+inline bool is_float(PyObject* object) {
+  return object != nullptr && PyFloat_CheckExact(object);
+}
 
-  Kind kind = Kind::other;
-  std::int64_t integer = 0;
-  double floating = 0.0;  ///< The value, of whichever kind.
+/// Whether the object is an exact int of one machine digit at most, which a double holds exactly.
+inline bool is_small_int(PyObject* object) {
+  if (object == nullptr || !PyLong_CheckExact(object)) {
+    return false;
+  }
+#if PY_VERSION_HEX >= 0x030C0000
+  return PyUnstable_Long_IsCompact(reinterpret_cast<PyLongObject*>(object)) != 0;
+#else
+  return static_cast<std::size_t>(Py_SIZE(object) + 1) <= 2;  // the sign is the size's
+#endif
+}
 
-  static SmallNumber of(const Ref& ref);
-};
-
-inline SmallNumber SmallNumber::of(const Ref& ref) {
-  PyObject* object = ref.get();
-  if (object == nullptr) {
-    return {};
-  }
-  if (PyFloat_CheckExact(object)) {
-    return {Kind::floating, 0, PyFloat_AS_DOUBLE(object)};
-  }
-  if (!PyLong_CheckExact(object)) {
-    return {};
-  }
+inline long small_int(PyObject* object) {
   auto* number = reinterpret_cast<PyLongObject*>(object);
 #if PY_VERSION_HEX >= 0x030C0000
-  if (!PyUnstable_Long_IsCompact(number)) {
-    return {};
-  }
-  const std::int64_t value = PyUnstable_Long_CompactValue(number);
+  return PyUnstable_Long_CompactValue(number);
 #else
-  const Py_ssize_t signed_digits = Py_SIZE(number);
-  if (signed_digits < -1 || signed_digits > 1) {
-    return {};
-  }
-  const std::int64_t value = signed_digits * static_cast<std::int64_t>(number->ob_digit[0]);
+  return Py_SIZE(number) * static_cast<long>(number->ob_digit[0]);
 #endif
-  return {Kind::integer, value, static_cast<double>(value)};
+}
+
+/// Whether the object is an exact float or a small int; then its value.
+inline bool read_small(PyObject* object, double& value) {
+  if (is_float(object)) {
+    value = PyFloat_AS_DOUBLE(object);
+    return true;
+  }
+  if (is_small_int(object)) {
+    value = static_cast<double>(small_int(object));
+    return true;
+  }
+  return false;
 }
 
 /// A reference of one's own to what a field holds: code that an operator or a call runs may rebind
@@ -63,27 +62,34 @@ double as_double(const Ref& value);
 
 template <typename Operation>
 Ref arithmetic(const Ref& left, const Ref& right, Operation operation, binaryfunc any) {
-  const SmallNumber first = SmallNumber::of(left);
-  const SmallNumber second = SmallNumber::of(right);
-  using enum SmallNumber::Kind;
-  if (first.kind == other || second.kind == other) {
-    return operate(any, left, right);
+  if (is_small_int(left.get()) && is_small_int(right.get())) {
+    return Ref::checked(PyLong_FromLong(operation(small_int(left.get()), small_int(right.get()))));
   }
-  if (first.kind == integer && second.kind == integer) {
-    return Ref::checked(PyLong_FromLongLong(operation(first.integer, second.integer)));
+  double first = 0.0;
+  double second = 0.0;
+  if (read_small(left.get(), first) && read_small(right.get(), second)) {
+    return Ref(operation(first, second));
   }
-  return Ref(operation(first.floating, second.floating));
+  return operate(any, left, right);
+}
+
+/// The same with a small int of this side.
+template <typename Operation>
+Ref arithmetic(const Ref& left, long right, Operation operation, binaryfunc any) {
+  if (is_small_int(left.get())) {
+    return Ref::checked(PyLong_FromLong(operation(small_int(left.get()), right)));
+  }
+  return operate(any, left, Ref::checked(PyLong_FromLong(right)));
 }
 
 template <typename Comparison>
 bool comparison(const Ref& left, const Ref& right, Comparison compare_small, int any) {
-  const SmallNumber first = SmallNumber::of(left);
-  const SmallNumber second = SmallNumber::of(right);
-  using enum SmallNumber::Kind;
-  if (first.kind == other || second.kind == other) {
-    return compare(left, right, any);
+  double first = 0.0;
+  double second = 0.0;
+  if (read_small(left.get(), first) && read_small(right.get(), second)) {
+    return compare_small(first, second);
   }
-  return compare_small(first.floating, second.floating);
+  return compare(left, right, any);
 }
 
 inline Ref operator+(const Ref& left, const Ref& right) {
@@ -97,19 +103,18 @@ inline Ref operator*(const Ref& left, const Ref& right) {
 }
 /// Small ints divide as doubles: the quotient of two exact doubles is rounded correctly.
 inline Ref operator/(const Ref& left, const Ref& right) {
-  const SmallNumber dividend = SmallNumber::of(left);
-  const SmallNumber divisor = SmallNumber::of(right);
-  using enum SmallNumber::Kind;
-  if (dividend.kind == other || divisor.kind == other || divisor.floating == 0.0) {
-    return operate(PyNumber_TrueDivide, left, right);
+  double dividend = 0.0;
+  double divisor = 0.0;
+  if (read_small(left.get(), dividend) && read_small(right.get(), divisor) && divisor != 0.0) {
+    return Ref(dividend / divisor);
   }
-  return Ref(dividend.floating / divisor.floating);
+  return operate(PyNumber_TrueDivide, left, right);
 }
 inline Ref operator+(const Ref& left, int right) {
-  return left + Ref(right);
+  return arithmetic(left, right, std::plus<>(), PyNumber_Add);
 }
 inline Ref operator-(const Ref& left, int right) {
-  return left - Ref(right);
+  return arithmetic(left, right, std::minus<>(), PyNumber_Subtract);
 }
 
 inline bool operator<(const Ref& left, const Ref& right) {
@@ -135,13 +140,11 @@ inline bool truth(const Ref& value) {
   if (value.get() == Py_True || value.get() == Py_False) {
     return value.get() == Py_True;
   }
-  const SmallNumber number = SmallNumber::of(value);
-  return number.kind == SmallNumber::Kind::other ? truth_of_any(value) : number.floating != 0.0;
+  return is_small_int(value.get()) ? small_int(value.get()) != 0 : truth_of_any(value);
 }
 
 inline bool is_infinite(const Ref& value) {
-  const bool is_float = value.get() != nullptr && PyFloat_CheckExact(value.get());
-  return std::isinf(is_float ? PyFloat_AS_DOUBLE(value.get()) : as_double(value));
+  return std::isinf(is_float(value.get()) ? PyFloat_AS_DOUBLE(value.get()) : as_double(value));
 }
 
 }  // namespace decision_bounds::python
