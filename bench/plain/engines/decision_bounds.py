@@ -1,0 +1,350 @@
+"""The bounds a decision client keeps on what it pays: the errors that end a call, the budget of a
+batch pass and the daily cost cap.
+
+Amounts are in USD or input tokens, sizes in bytes and times in seconds; positive infinity stands
+for an amount that is not known yet.
+"""
+
+from __future__ import annotations
+
+import logging
+import math
+import threading
+from collections.abc import Callable
+from dataclasses import dataclass, field
+from functools import partial
+from typing import Any
+
+logger = logging.getLogger(__name__)
+_POLL_S = 0.1
+
+# Loading binds the names in this order, so the import stands below the two constants.
+from engines.decision_errors import (  # noqa: E402
+    DecisionError,
+    DecisionBudgetExceeded,
+    DecisionUnavailable,
+    DecisionTimeout,
+    DecisionStopped,
+    PaidReply,
+    never,
+    _nothing,
+)
+
+
+class Share:
+    """What one admitted call holds of one bound; leaving its ``with`` block gives it back."""
+
+    def __init__(self, give_back: Callable[[PaidReply | None], None] = _nothing) -> None:
+        self._give_back: Callable[[PaidReply | None], None] | None = give_back
+
+    def settle(self, reply: PaidReply | None) -> None:
+        """Give the share back, once, with the paid reply or with none when there is none."""
+        # Nothing is called between the read and the store, so no other thread comes between them.
+        give_back, self._give_back = self._give_back, None
+        if give_back is not None:
+            give_back(reply)
+
+    def __enter__(self) -> Share:
+        return self
+
+    def __exit__(self, *_exc: object) -> None:
+        self.settle(None)
+
+
+@dataclass
+class _Held:
+    """What the admitted calls hold of one bound; its owner's lock guards it."""
+
+    holders: int = 0
+    amount: float = 0.0
+    unbounded: int = 0
+
+    def admits(self, share: float, used: float, limit: float) -> bool:
+        """Whether a call may start beside the settled calls' use; infinite shares run alone."""
+        if self.unbounded != 0 or math.isinf(share) and self.holders != 0:
+            return False
+        return used + self.amount < limit
+
+    def take(self, share: float) -> None:
+        """Add the share of an admitted call; a share that cannot be added changes nothing."""
+        if math.isinf(share):
+            self.unbounded += 1
+        else:
+            self.amount += share
+        self.holders += 1
+
+    def give_back(self, share: float) -> None:
+        """Remove the share that an ending call took."""
+        self.holders = max(0, self.holders - 1)
+        if math.isinf(share):
+            self.unbounded = max(0, self.unbounded - 1)
+        else:
+            self.amount = max(0.0, self.amount - share)
+        if self.holders == 0:
+            # What the subtractions of floating-point shares left over is held by nobody.
+            self.amount = 0.0
+
+
+def _wait(
+    changed: threading.Condition,
+    stopping: Callable[[], bool],
+    *,
+    deadline: float | None = None,
+    clock: Callable[[], float] | None = None,
+) -> None:
+    """Sleep until ``changed`` is notified, for ``_POLL_S`` seconds and to ``deadline`` at most.
+
+    Raises ``DecisionStopped`` or, when ``clock`` has reached ``deadline``, ``DecisionTimeout``.
+    """
+    if stopping():
+        raise DecisionStopped("the pass was asked to stop")
+    timeout = _POLL_S
+    if deadline is not None and clock is not None:
+        left = deadline - clock()
+        if left <= 0:
+            raise DecisionTimeout(
+                "the decision call ran out of its deadline while the calls in flight held the rest"
+                " of the daily cost cap"
+            )
+        timeout = min(timeout, left)
+    changed.wait(timeout)
+
+
+@dataclass
+class _Charges:
+    """The most that one reply came to, and per byte of its request; its owner's lock guards it."""
+
+    per_byte: float = 0.0
+    per_call: float = 0.0
+
+    def bound(self, size: int) -> float:
+        """The most that a request of ``size`` bytes may come to."""
+        return max(self.per_byte * size, self.per_call)
+
+    def learn(self, size: int, charge: float) -> None:
+        """Take in what the reply to a request of ``size`` bytes came to."""
+        self.per_byte = max(self.per_byte, charge / (size if size >= 1 else 1))
+        self.per_call = max(self.per_call, charge)
+
+
+class RequestRates:
+    """What a request may cost and use before its reply says, learned from the paid replies."""
+
+    def __init__(self) -> None:
+        self._lock = threading.Lock()
+        self._cost, self._tokens = _Charges(), _Charges()
+        self._features: set[str] = set()
+
+    def cost(self, size: int, feature: str) -> float:
+        """The most that it may cost, USD; infinite before the first reply of ``feature``."""
+        with self._lock:
+            return self._cost.bound(size) if feature in self._features else math.inf
+
+    def tokens(self, size: int) -> float:
+        """The most input tokens that it may use; infinite before the first reply."""
+        with self._lock:
+            return self._tokens.bound(size) if self._features else math.inf
+
+    def learn(self, size: int, feature: str, reply: PaidReply) -> None:
+        """Take in the paid reply of ``feature`` to a request of ``size`` bytes."""
+        with self._lock:
+            self._features.add(feature)
+            self._cost.learn(size, reply.cost)
+            self._tokens.learn(size, reply.input_tokens)
+
+
+@dataclass
+class RunBudget:
+    """How many paid calls and input tokens one batch pass may use, and whether it is to stop."""
+
+    max_calls: int
+    max_tokens: int
+    calls: int = 0
+    input_tokens: int = 0
+    cost: float = 0.0
+    cache_hits: int = 0
+    in_flight: int = 0
+    should_stop: Callable[[], bool] = field(default=never, repr=False, compare=False)
+    _held_tokens: _Held = field(default_factory=_Held, repr=False, compare=False)
+    _changed: threading.Condition = field(
+        default_factory=threading.Condition, repr=False, compare=False
+    )
+
+    def stopping(self) -> bool:
+        """Whether the pass has been asked to stop."""
+        return bool(self.should_stop())
+
+    def exhausted(self) -> bool:
+        """Whether no call slot or no input token is left."""
+        with self._changed:
+            return self._exhausted_locked()
+
+    def _exhausted_locked(self) -> bool:
+        """The same for a caller that holds the lock."""
+        return self.calls + self.in_flight >= self.max_calls or self.input_tokens >= self.max_tokens
+
+    def reserve(self, tokens: float = 0.0) -> None:
+        """Hold a call slot and ``tokens``, waiting while the calls in flight hold the rest.
+
+        Raises ``DecisionStopped``, or ``DecisionBudgetExceeded`` when no slot or token is left.
+        """
+        if self.stopping():
+            raise DecisionStopped("the pass was asked to stop")
+        with self._changed:
+            while True:
+                if self._exhausted_locked():
+                    summary = self._summary_locked()
+                    raise DecisionBudgetExceeded(f"decision budget exhausted: {summary}")
+                if self._held_tokens.admits(tokens, self.input_tokens, self.max_tokens):
+                    # Taking a share can fail, and then the slot must not be counted.
+                    self._held_tokens.take(tokens)
+                    self.in_flight += 1
+                    return
+                _wait(self._changed, self.stopping)
+
+    def hold(self, tokens: float) -> Share:
+        """Reserve, and return the share that holds the reservation; raises what that raises."""
+        self.reserve(tokens)
+
+        def give_back(reply: PaidReply | None) -> None:
+            if reply is None:
+                self.release(tokens)
+            else:
+                self.charge(reply, tokens)
+
+        try:
+            return Share(give_back)
+        except BaseException:
+            self.release(tokens)
+            raise
+
+    def release(self, tokens: float = 0.0) -> None:
+        """Give back the slot and the ``tokens`` of a call that ended without a reply."""
+        with self._changed:
+            self.in_flight = max(0, self.in_flight - 1)
+            self._held_tokens.give_back(tokens)
+            self._changed.notify_all()
+
+    def charge(self, result: PaidReply, tokens: float = 0.0) -> None:
+        """Count a cache hit, or a paid reply, whose call gives back its slot and ``tokens``."""
+        with self._changed:
+            if result.cached:
+                self.cache_hits += 1
+                return
+            self.in_flight = max(0, self.in_flight - 1)
+            self._held_tokens.give_back(tokens)
+            self.calls += 1
+            self.input_tokens += result.input_tokens
+            self.cost += result.cost
+            self._changed.notify_all()
+
+    def summary(self) -> dict[str, Any]:
+        """What the settled calls used, beside the limits of the pass; the cost is in USD."""
+        with self._changed:
+            return self._summary_locked()
+
+    def _summary_locked(self) -> dict[str, Any]:
+        """The same for a caller that holds the lock."""
+        return {
+            "calls": self.calls,
+            "cache_hits": self.cache_hits,
+            "input_tokens": self.input_tokens,
+            "cost_usd": round(self.cost, 6),
+            "max_calls": self.max_calls,
+            "max_tokens": self.max_tokens,
+        }
+
+
+class DailySpend:
+    """What the paid calls of each UTC day cost, USD, counted on the day on which they settle."""
+
+    def __init__(
+        self, cap: float, today: Callable[[], str], ledger: Callable[[str], float] | None
+    ) -> None:
+        self._cap, self._today, self._ledger = cap, today, ledger
+        self._changed = threading.Condition()
+        self._held = _Held()
+        self._day, self._cost, self._capped = "", 0.0, False
+
+    def spent(self) -> float:
+        """What the settled calls of today cost so far, USD."""
+        with self._changed:
+            return self._today_locked()
+
+    def admit(
+        self,
+        bound: Callable[[], float],
+        *,
+        deadline: float | None,
+        clock: Callable[[], float],
+        stopping: Callable[[], bool],
+    ) -> Share:
+        """Hold ``bound()`` USD of the cap, waiting while the calls in flight hold the rest of it.
+
+        Raises ``DecisionBudgetExceeded`` (cap reached), ``DecisionTimeout``, ``DecisionStopped``.
+        """
+        with self._changed:
+            cost = self._today_locked()
+            while cost < self._cap:
+                held = bound()
+                if self._held.admits(held, cost, self._cap):
+                    self._held.take(held)
+                    try:
+                        return Share(partial(self._give_back, held))
+                    except BaseException:
+                        self._held.give_back(held)
+                        raise
+                _wait(self._changed, stopping, deadline=deadline, clock=clock)
+                cost = self._today_locked()
+            first = not self._capped
+            self._capped = True
+        if first:
+            logger.warning(
+                "The daily decision cost cap is reached: $%.4f of $%.2f spent today (UTC);"
+                " paid calls resume tomorrow, cached answers are still used",
+                cost,
+                self._cap,
+            )
+        raise DecisionBudgetExceeded(
+            f"the daily decision cost cap is reached: ${cost:.4f} of ${self._cap:.2f}"
+            " spent today (UTC)"
+        )
+
+    def charge(self, reply: PaidReply) -> None:
+        """Count the cost of a reply whose call holds no share."""
+        with self._changed:
+            self._today_locked()
+            self._cost += reply.cost
+            self._changed.notify_all()
+
+    def _give_back(self, held: float, reply: PaidReply | None) -> None:
+        """Count the reply, if there is one, and give ``held`` USD back even if that fails."""
+        with self._changed:
+            try:
+                if reply is not None:
+                    self._today_locked()
+                    self._cost += reply.cost
+            finally:
+                self._held.give_back(held)
+                self._changed.notify_all()
+
+    def _today_locked(self) -> float:
+        """Today's settled spend, USD, which a new day starts from the ledger."""
+        today = self._today()
+        if self._day != today:
+            self._day, self._cost, self._capped = today, self._spent_since(today), False
+        return self._cost
+
+    def _spent_since(self, day: str) -> float:
+        """What the ledger says the paid calls since ``day`` cost, USD, or 0 if it cannot."""
+        if self._ledger is None:
+            return 0.0
+        try:
+            return float(self._ledger(day))
+        except Exception:
+            logger.warning(
+                "Could not read what the decision calls of %s cost; the daily cap counts from 0",
+                day,
+                exc_info=True,
+            )
+            return 0.0

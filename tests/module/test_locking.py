@@ -1,0 +1,205 @@
+"""Locks and conditions of any make, and real threads: rushes, waiters, interrupts and exits."""
+
+from __future__ import annotations
+
+import math
+import signal
+import sys
+import threading
+import time
+import unittest
+from collections.abc import Callable, Iterator
+from contextlib import contextmanager
+from subprocess import PIPE, Popen
+from typing import Any
+from unittest import mock
+
+from tests.module.support import PATIENCE_S, Background, LoggedCondition, Reply
+from tests.module.support import account, admit, bounds, is_free
+
+EXIT_WITH_WAITERS = """
+import math, threading, time
+from functools import partial
+from engines import decision_bounds as bounds
+bounds._POLL_S = 0.001
+budget, spend = bounds.RunBudget(9, 9), bounds.DailySpend(9.0, lambda: "2024-05-01", None)
+admit = partial(spend.admit, lambda: math.inf, deadline=9e9, clock=float, stopping=bounds.never)
+shares = [budget.hold(math.inf), admit()]
+for call in [budget.reserve, admit] * 3:
+    threading.Thread(target=call, daemon=True).start()
+time.sleep(0.05)
+"""
+
+ENTERED, NOTIFIED = ["enter", "exit"], ["enter", "notify_all", "exit"]
+
+
+def rush(work: Callable[[], Any], threads: int = 64) -> None:
+    """Run ``work`` on all threads at once, with the interpreter switching often between them."""
+    start, interval = threading.Barrier(threads), sys.getswitchinterval()
+    sys.setswitchinterval(1e-5)
+    try:
+        for call in [Background(lambda: (start.wait(), work())) for _ in range(threads)]:
+            call.result()
+    finally:
+        sys.setswitchinterval(interval)
+
+
+@contextmanager
+def asleep(bound: Any, call: Callable[[], Any]) -> Iterator[list[Background]]:
+    """Start calls that wait for ``bound``, with no poll to wake them, and go on once all sleep."""
+    with mock.patch.object(bounds, "_POLL_S", 10 * PATIENCE_S):
+        calls = [Background(call) for _ in range(4)]
+        while len(bound._changed._waiters) < 4:
+            time.sleep(0.001)
+        yield calls
+
+
+class ConditionsTest(unittest.TestCase):
+    def test_operations_ask_a_condition_for_no_more_than_they_need(self) -> None:
+        changed, spend = LoggedCondition(), account()
+        budget = bounds.RunBudget(9, 9, _changed=changed)
+        self.assertIs(type(spend._changed), threading.Condition)
+        share, spend._changed = admit(spend), changed
+        entered = [budget.reserve, budget.exhausted, budget.summary, spend.spent]
+        entered += [lambda: budget.charge(Reply(cached=True)), lambda: admit(spend)]
+        notified = [budget.release, lambda: budget.charge(Reply()), lambda: spend.charge(Reply())]
+        for operations, asked in ((entered, ENTERED), ([*notified, share.__exit__], NOTIFIED)):
+            for operation in operations:
+                operation()
+                self.assertEqual(changed.calls, asked)
+                del changed.calls[:]
+
+    def test_the_error_that_leaves_is_handed_to_the_condition(self) -> None:
+        refusing = bounds.RunBudget(0, 9, _changed=LoggedCondition())
+        with self.assertRaises(bounds.DecisionBudgetExceeded) as caught:
+            refusing.reserve()
+        left = ("exit", bounds.DecisionBudgetExceeded, caught.exception)
+        self.assertEqual(refusing._changed.calls, ["enter", left])
+        refusing._changed = LoggedCondition(swallows=True)
+        self.assertIsNone(refusing.reserve())
+        # The protocol is looked up on the type, so what the object itself has does not count.
+        refusing._changed = threading.Event()
+        refusing._changed.__enter__ = refusing._changed.__exit__ = mock.Mock()
+        self.assertRaises((AttributeError, TypeError), refusing.summary)
+
+    def test_a_wait_sleeps_to_the_deadline_and_no_longer_than_a_poll(self) -> None:
+        changed = LoggedCondition()
+        for left, slept in ((0.03125, 0.03125), (5, 0.1), (math.inf, 0.1), (math.nan, 0.1)):
+            bounds._wait(changed, bounds.never, deadline=left, clock=lambda: 0.0)
+            self.assertEqual(changed.calls.pop(), ("wait", slept))
+        with self.assertRaisesRegex(bounds.DecisionTimeout, "^the decision call ran out of its "):
+            bounds._wait(changed, bounds.never, deadline=2, clock=lambda: 2.0)
+        with self.assertRaisesRegex(bounds.DecisionStopped, "^the pass was asked to stop$"):
+            bounds._wait(changed, lambda: True, deadline=0.0, clock=None)
+
+    def test_patched_conditions_are_honoured(self) -> None:
+        for name in ("__enter__", "__exit__", "notify_all", "notify", "wait"):
+            called, genuine = [], getattr(threading.Condition, name)
+
+            def patched(self: Any, *args: Any) -> Any:
+                called.append(self)
+                return genuine(self, *args)
+
+            budget = bounds.RunBudget(9, 9)
+            budget.reserve(9.0)
+            budget.should_stop = mock.Mock(side_effect=[False, False, True])
+            with mock.patch.object(threading.Condition, name, patched):
+                if name == "wait":
+                    self.assertRaises(bounds.DecisionStopped, budget.reserve)
+                else:
+                    budget.release(9.0)
+            self.assertEqual(called, [budget._changed])
+        budget = bounds.RunBudget(9, 9, _held_tokens=bounds._Held(1, 9.0))
+        budget._changed.wait = lambda timeout: budget.release(9.0)
+        budget._changed.notify_all = mock.Mock()
+        budget.reserve(3.0)
+        budget._changed.notify_all.assert_called_once_with()
+
+    def test_locks_of_the_caller_are_used(self) -> None:
+        lock, rates = mock.MagicMock(), bounds.RequestRates()
+        bounds.RunBudget(9, 9, _changed=threading.Condition(lock)).summary()
+        self.assertIs(type(rates._lock), type(threading.Lock()))
+        rates._lock = lock
+        rates.tokens(1)
+        self.assertEqual((lock.__enter__.call_count, lock.__exit__.call_count), (2, 2))
+
+    def test_a_thread_that_holds_the_lock_keeps_the_others_out(self) -> None:
+        budget, rates = bounds.RunBudget(9, 9), bounds.RequestRates()
+        with budget._changed, rates._lock:
+            outside = [Background(budget.reserve), Background(rates.tokens, 1)]
+            budget.reserve()
+            outside[0].join(0.1)
+            self.assertTrue(budget.in_flight == 1 and all(call.is_alive() for call in outside))
+        self.assertEqual([call.result() for call in outside], [None, math.inf])
+
+    def test_a_stop_function_may_use_the_budget_that_waits(self) -> None:
+        budget, answers = bounds.RunBudget(9, 9), [lambda: None]
+        answers.append(budget.hold(math.inf).__exit__)
+        # The first question comes on entry, the second from the wait and under the lock.
+        budget.should_stop = lambda: answers.pop(0)() if answers else budget.exhausted()
+        with budget.hold(1.0):
+            self.assertEqual((budget.in_flight, budget._held_tokens.amount), (1, 1.0))
+
+
+class ThreadsTest(unittest.TestCase):
+    def test_a_rush_stays_within_the_bounds(self) -> None:
+        spend, budget, most = account(cap=100.0), bounds.RunBudget(10**6, 2000), []
+
+        def pay() -> None:
+            with self.assertRaisesRegex(bounds.DecisionBudgetExceeded, "cost cap"):
+                for tokens in [math.inf, *[10.0] * 1000]:
+                    with budget.hold(tokens) as slot, admit(spend) as share:
+                        most.append(spend._cost + spend._held.amount)
+                        # One share of three ends without a reply.
+                        if len(most) % 3:
+                            slot.settle(Reply(input_tokens=10))
+                            share.settle(Reply(cost=1.0))
+
+        with self.assertLogs(bounds.logger, "WARNING") as logs:
+            rush(pay)
+        self.assertEqual((spend.spent(), max(most) <= 100.0, len(logs.records)), (100.0, True, 1))
+        self.assertEqual((budget.calls, budget.input_tokens, budget.in_flight), (100, 1000, 0))
+        self.assertEqual((budget._held_tokens, spend._held), (bounds._Held(), bounds._Held()))
+
+    def test_a_share_is_given_back_once_when_threads_race(self) -> None:
+        given: list[Any] = []
+        shares = [bounds.Share(given.append) for _ in range(500)]
+        rush(lambda: [share.settle(None) for share in shares], threads=8)
+        self.assertEqual(len(given), len(shares))
+
+    def test_whatever_makes_room_wakes_every_waiter(self) -> None:
+        for end in (None, Reply(input_tokens=1)):
+            budget, spend = bounds.RunBudget(9, 9), account()
+            shares = [budget.hold(math.inf), admit(spend, math.inf)]
+            for bound, call in ((budget, budget.reserve), (spend, lambda: admit(spend))):
+                with asleep(bound, call) as calls:
+                    shares.pop(0).settle(end)
+                    for waiter in calls:
+                        waiter.result()
+        spend._held.amount = 9.0
+        with asleep(spend, lambda: admit(spend)) as calls, self.assertLogs(bounds.logger):
+            spend.charge(Reply(cost=5.0))
+            for waiter in calls:
+                self.assertRaises(bounds.DecisionBudgetExceeded, waiter.result)
+
+    def test_an_interrupt_ends_a_wait_at_once(self) -> None:
+        budget = bounds.RunBudget(9, 9, _held_tokens=bounds._Held(1, 9.0))
+        main = threading.get_ident()
+
+        def interrupt() -> None:
+            while not budget._changed._waiters:
+                time.sleep(0.01)
+            time.sleep(0.05)
+            signal.pthread_kill(main, signal.SIGINT)
+
+        before = signal.signal(signal.SIGINT, signal.default_int_handler)
+        self.addCleanup(signal.signal, signal.SIGINT, before)
+        with mock.patch.object(bounds, "_POLL_S", 10 * PATIENCE_S):
+            Background(interrupt)
+            self.assertRaises(KeyboardInterrupt, budget.hold, 1.0)
+        self.assertEqual((is_free(budget._changed), budget.in_flight), (True, 0))
+
+    def test_the_interpreter_ends_while_threads_wait(self) -> None:
+        command = [sys.executable, "-c", EXIT_WITH_WAITERS]
+        for ended in [Popen(command, stderr=PIPE) for _ in range(8)]:
+            self.assertEqual((ended.communicate(timeout=PATIENCE_S)[1], ended.returncode), (b"", 0))
