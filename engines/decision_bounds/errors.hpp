@@ -2,8 +2,6 @@
 
 /// How a bound refuses a call: the kinds of error that it raises, and every message text.
 
-#include <string_view>
-
 namespace decision_bounds {
 
 /// The errors that a bound raises of its own. Each host makes them its own error types.

@@ -74,6 +74,7 @@ concept HostThreads = requires(const H& host, typename H::Condition& changed,
   host.notify_all(changed);
   host.wait(changed, stopping, deadline, clock);
   host.wait(changed, host.stop_function(budget));
+  changed.wait(host.poll_s());
 };
 
 /// Failures and texts. `with_undo(block, undo)` answers what the block answers; where the block
@@ -93,7 +94,15 @@ concept HostErrors = requires(const H& host, void (*block)(), void (*failed)(...
   host.warn(messages::cap_warning, amount, amount);
 };
 
+/// Shares. `make_share(bound, amount)` answers one whose give-back function calls `give_back` of
+/// the bound with the amount and the reply.
 template <typename H>
-concept Host = HostNumbers<H> && HostCallbacks<H> && HostThreads<H> && HostErrors<H>;
+concept HostShares = requires(const H& host, RunBudget<H>& budget, typename H::Amount amount) {
+  { host.make_share(budget, amount) } -> std::same_as<typename H::HeldShare>;
+};
+
+template <typename H>
+concept Host =
+    HostNumbers<H> && HostCallbacks<H> && HostThreads<H> && HostErrors<H> && HostShares<H>;
 
 }  // namespace decision_bounds

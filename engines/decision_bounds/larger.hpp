@@ -7,13 +7,19 @@ namespace decision_bounds {
 /// `second` where it is strictly greater, otherwise `first` (also where either is not a number).
 template <typename Number>
 Number larger(Number first, Number second) {
-  return second > first ? second : first;
+  if (second > first) {
+    return second;
+  }
+  return first;
 }
 
 /// `second` where it is strictly less, otherwise `first` (also where either is not a number).
 template <typename Number>
 Number smaller(Number first, Number second) {
-  return second < first ? second : first;
+  if (second < first) {
+    return second;
+  }
+  return first;
 }
 
 }  // namespace decision_bounds

@@ -38,7 +38,8 @@ class GiveBackSlot {
 };
 
 /// A share that its scope gives back, without a reply, where nothing settled it before. May be
-/// moved by the thread that owns it; may be settled by any.
+/// moved by the thread that owns it; may be settled by any. A give-back function of the caller's
+/// own must not throw at the end of the scope; those of the bounds do not.
 class HeldShare {
  public:
   HeldShare() = default;
