@@ -4,7 +4,9 @@
 
 #include "python_host/call.hpp"
 #include "python_host/failure.hpp"
+#include "python_host/give_back.hpp"
 #include "python_host/imports.hpp"
+#include "python_host/operation.hpp"
 #include "python_host/ref.hpp"
 #include "python_host/state.hpp"
 #include "python_host/surface.hpp"
@@ -86,6 +88,8 @@ int execute(PyObject* module) {
   try {
     State* state = new (state_of(module)) State{};
     state->load(module);
+    state->operation_type = make_operation_type(module);
+    state->give_back_type = make_give_back_type(module);
     Registration registration(module);
     LentNames lent(module);
     with_undo([&] { bind_names(state); }, [&] { registration.undo(); });

@@ -1,8 +1,6 @@
 #include "python_host/state.hpp"
 
-#include "python_host/give_back.hpp"
 #include "python_host/imports.hpp"
-#include "python_host/operation.hpp"
 
 namespace decision_bounds::python {
 
@@ -11,8 +9,6 @@ void State::load(PyObject* loaded) {
   globals = PyModule_GetDict(loaded);
   locks.load();
   threading = import("threading");
-  operation_type = make_operation_type(loaded);
-  give_back_type = make_give_back_type(loaded);
   round = attribute(import("builtins"), "round");
   cost_decimals = Ref(6);
   for (std::size_t index = 0; index < names.size(); ++index) {
