@@ -2,7 +2,7 @@
 
 /// The dearest charge seen so far, and what it says of the next one.
 
-#include "decision_bounds/larger.hpp"
+#include "decision_bounds/larger_smaller.hpp"
 
 namespace decision_bounds {
 

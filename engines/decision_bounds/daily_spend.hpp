@@ -19,9 +19,9 @@ struct DailySpend {
   using Text = typename H::Text;
   using Flag = typename H::Flag;
 
-  Amount cap_{};                      ///< What the calls of one day may cost, USD.
-  typename H::DateFunction today_{};  ///< Answers today's UTC date, compared only for equality.
-  typename H::Ledger ledger_{};       ///< Answers what was paid since a date, USD; may be absent.
+  Amount cap{};                      ///< What the calls of one day may cost, USD.
+  typename H::DateFunction today{};  ///< Answers today's UTC date, compared only for equality.
+  typename H::Ledger ledger{};       ///< Answers what was paid since a date, USD; may be absent.
   typename H::Condition changed_{};
   typename H::HeldRecord held_{};  ///< What the calls in flight hold, USD.
   Text day_{};                     ///< The date that `cost_` counts; empty before the first.
@@ -36,10 +36,10 @@ struct DailySpend {
 
   /// Today's settled spend. Starts a new day, from the ledger, where the date has changed.
   Amount today_locked(const H& host = {}) {
-    const Text today = today_();
-    if (day_ != today) {
-      const Amount cost = spent_since(today, host);
-      day_ = today;
+    const Text date = today();
+    if (day_ != date) {
+      const Amount cost = spent_since(date, host);
+      day_ = date;
       cost_ = cost;
       capped_ = Flag(false);
     }
@@ -49,12 +49,12 @@ struct DailySpend {
   /// What the ledger says that the calls since `day` cost, USD. A ledger that fails, or is absent,
   /// counts as 0; the failure is logged.
   Amount spent_since(const Text& day, const H& host = {}) const {
-    if (!ledger_) {
+    if (!ledger) {
       return Amount(0.0);
     }
     Amount cost(0.0);
     H::attempt(
-        [&] { cost = H::to_amount(ledger_(day)); },
+        [&] { cost = H::to_amount(ledger(day)); },
         [&](const auto& error) { host.warn_of_error(messages::ledger_warning, day, error); });
     return cost;
   }
@@ -75,14 +75,14 @@ struct DailySpend {
     auto share = host.locked(changed_, [&]() -> typename H::HeldShare {
       for (;;) {
         cost = today_locked(host);
-        if (!(cost < cap_)) {
+        if (!(cost < cap)) {
           refused = true;
           first = !H::truth(capped_);
           capped_ = Flag(true);
           return {};
         }
         const Amount held = bound();
-        if (held_.admits(held, cost, cap_)) {
+        if (held_.admits(held, cost, cap)) {
           return take_locked(held, host);
         }
         host.wait(changed_, stopping, deadline, clock);
@@ -90,9 +90,9 @@ struct DailySpend {
     });
     if (refused) {
       if (first) {
-        host.warn(messages::cap_warning, cost, cap_);
+        host.warn(messages::cap_warning, cost, cap);
       }
-      host.refuse(Refusal::budget_exceeded, messages::cap_reached, cost, cap_);
+      host.refuse(Refusal::budget_exceeded, messages::cap_reached, cost, cap);
     }
     return share;
   }
@@ -116,7 +116,7 @@ struct DailySpend {
         host.notify_all(changed_);
       };
       if (reply) {
-        H::with_undo([&] { count_locked(*reply, host); }, end_call);
+        H::on_failure([&] { count_locked(*reply, host); }, end_call);
       }
       end_call();
     });
@@ -130,8 +130,8 @@ struct DailySpend {
 
   typename H::HeldShare take_locked(const Amount& held, const H& host) {
     held_.take_or_nothing(held);
-    return H::with_undo([&] { return host.make_share(*this, held); },
-                        [&] { held_.give_back(held); });
+    return H::on_failure([&] { return host.make_share(*this, held); },
+                         [&] { held_.give_back(held); });
   }
 };
 

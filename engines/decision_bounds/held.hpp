@@ -2,7 +2,7 @@
 
 /// The tally of what the calls in flight hold of one bound, and the rule of admission.
 
-#include "decision_bounds/larger.hpp"
+#include "decision_bounds/larger_smaller.hpp"
 
 namespace decision_bounds {
 
@@ -44,7 +44,7 @@ struct Held {
   /// As `take`, but a share that cannot be added leaves the record as it was.
   void take_or_nothing(const Amount& share) {
     const Held before = *this;
-    H::with_undo([&] { take(share); }, [&] { *this = before; });
+    H::on_failure([&] { take(share); }, [&] { *this = before; });
   }
 
   /// Removes the share that an ending call took. No field goes below zero.

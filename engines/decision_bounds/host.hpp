@@ -77,14 +77,14 @@ concept HostThreads = requires(const H& host, typename H::Condition& changed,
   changed.wait(host.poll_s());
 };
 
-/// Failures and texts. `with_undo(block, undo)` answers what the block answers; where the block
+/// Failures and texts. `on_failure(block, undo)` answers what the block answers; where the block
 /// fails, it runs `undo` and the failure goes on. `attempt(block, failed)` ends an ordinary
 /// failure of the block in `failed(error)`.
 template <typename H>
 concept HostErrors = requires(const H& host, void (*block)(), void (*failed)(...),
                               typename H::Count count, typename H::Amount amount,
                               const typename H::Summary& summary) {
-  H::with_undo(block, block);
+  H::on_failure(block, block);
   H::attempt(block, failed);
   { host.rounded(amount) } -> std::convertible_to<typename H::Amount>;
   { host.summary(count, count, count, amount, count, count) } -> std::same_as<typename H::Summary>;

@@ -1,6 +1,6 @@
 #include "decision_bounds/native.hpp"
 
-#include <chrono>
+#include <array>
 #include <string_view>
 
 #include "decision_bounds/text.hpp"
@@ -41,34 +41,8 @@ std::string Summary::text() const {
   return text + "}";
 }
 
-void Condition::lock() {
-  const std::thread::id caller = std::this_thread::get_id();
-  if (owner_.load(std::memory_order_relaxed) != caller) {
-    mutex_.lock();
-    owner_.store(caller, std::memory_order_relaxed);
-  }
-  ++depth_;
-}
-
-void Condition::unlock() {
-  if (--depth_ == 0) {
-    owner_.store({}, std::memory_order_relaxed);
-    mutex_.unlock();
-  }
-}
-
-void Condition::wait(double seconds) {
-  const int depth = std::exchange(depth_, 0);
-  owner_.store({}, std::memory_order_relaxed);
-  std::unique_lock held(mutex_, std::adopt_lock);
-  woken_.wait_for(held, std::chrono::duration<double>(seconds));
-  held.release();
-  owner_.store(std::this_thread::get_id(), std::memory_order_relaxed);
-  depth_ = depth;
-}
-
 double Native::rounded(double cost) {
-  return rounded_to_millionths(cost);
+  return decision_bounds::rounded(cost, cost_decimals);
 }
 
 void Native::wait(Condition& changed, const StopFunction& stopping, const Deadline& deadline,
@@ -82,14 +56,13 @@ StopFunction Native::stop_function(const RunBudget& budget) {
 
 void Native::refuse(Refusal refusal, const std::string& text) {
   switch (refusal) {
-    case Refusal::budget_exceeded:
-      throw DecisionBudgetExceeded(text);
     case Refusal::timeout:
       throw DecisionTimeout(text);
     case Refusal::stopped:
       throw DecisionStopped(text);
+    default:
+      throw DecisionBudgetExceeded(text);
   }
-  throw DecisionError(text);
 }
 
 void Native::refuse(Refusal refusal, const char* text, const Summary& summary) {

@@ -8,7 +8,9 @@
 ///     share.settle(call_endpoint());                    // without it, the scope gives it back
 
 #include <cmath>
+#include <concepts>
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -120,7 +122,7 @@ struct Native {
   static bool truth(Count count) { return count != 0; }
   static bool is_infinite(double value) { return std::isinf(value); }
   static double rounded(double cost);
-  static double poll_s() { return 0.1; }
+  static double poll_s() { return poll_interval_s; }
 
   static bool cached(Reply reply) { return reply.cached; }
   static Count input_tokens(Reply reply) { return reply.input_tokens; }
@@ -142,7 +144,7 @@ struct Native {
     });
   }
 
-  static auto with_undo(const auto& block, const auto& undo) {
+  static auto on_failure(const auto& block, const auto& undo) {
     try {
       return block();
     } catch (...) {

@@ -5,13 +5,16 @@
 #include <array>
 
 #include "decision_bounds/errors.hpp"
-#include "decision_bounds/larger.hpp"
+#include "decision_bounds/larger_smaller.hpp"
 
 namespace decision_bounds {
 
 /// The keys of a pass's summary, in order.
 inline constexpr std::array<const char*, 6> summary_keys = {
     "calls", "cache_hits", "input_tokens", "cost_usd", "max_calls", "max_tokens"};
+
+/// The decimals to which a summary rounds the cost.
+inline constexpr int cost_decimals = 6;
 
 /// One for each batch pass, shared by the threads that make its calls. A paid call holds a call
 /// slot and the input tokens that it may use from `reserve` (or `hold`) until it ends with exactly
@@ -72,8 +75,8 @@ struct RunBudget {
   /// As `reserve`; answers the share that gives slot and tokens back exactly once.
   typename H::HeldShare hold(const Amount& tokens, const H& host = {}) {
     reserve(tokens, host);
-    return H::with_undo([&] { return host.make_share(*this, tokens); },
-                        [&] { release(tokens, host); });
+    return H::on_failure([&] { return host.make_share(*this, tokens); },
+                         [&] { release(tokens, host); });
   }
 
   /// What a share of `tokens` runs when it is settled with the paid reply or none.
@@ -123,7 +126,7 @@ struct RunBudget {
  private:
   void take_locked(const Amount& tokens) {
     const Count before = in_flight;
-    H::with_undo(
+    H::on_failure(
         [&] {
           in_flight = in_flight + 1;
           held_tokens_.take_or_nothing(tokens);

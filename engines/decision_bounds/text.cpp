@@ -35,7 +35,7 @@ std::string shortest_text(double value) {
   if (exponent < -4 || exponent >= 16) {
     return scientific;
   }
-  const std::string positional = format(std::chars_format::fixed);
+  std::string positional = format(std::chars_format::fixed);
   return positional.find('.') == std::string::npos ? positional + ".0" : positional;
 }
 
@@ -50,18 +50,18 @@ std::string fixed_text(double value, int decimals) {
   return {buffer.data(), end};
 }
 
-double rounded_to_millionths(double value) {
+double rounded(double value, int decimals) {
   constexpr double all_integers_from = 4503599627370496.0;  // 2 to the 52nd: no decimals above
   if (!(std::fabs(value) < all_integers_from)) {
     return value;
   }
   // Read back by a stream: `from_chars` of a double is missing in libc++, and `strtod` follows the
   // locale.
-  std::istringstream decimals(fixed_text(value, 6));
-  decimals.imbue(std::locale::classic());
-  double rounded = 0.0;
-  decimals >> rounded;
-  return rounded;
+  std::istringstream text(fixed_text(value, decimals));
+  text.imbue(std::locale::classic());
+  double nearest = 0.0;
+  text >> nearest;
+  return nearest;
 }
 
 }  // namespace decision_bounds

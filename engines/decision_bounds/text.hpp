@@ -2,7 +2,6 @@
 
 /// Numbers as text, independent of the locale and equal to the interpreter's byte for byte.
 
-#include <cstdint>
 #include <string>
 
 namespace decision_bounds {
@@ -13,7 +12,7 @@ std::string shortest_text(double value);
 /// Fixed-point notation with so many decimals, rounded as the exact value lies, ties to even.
 std::string fixed_text(double value, int decimals);
 
-/// The nearest multiple of 0.000001, as the exact value lies, ties to the even digit.
-double rounded_to_millionths(double value);
+/// The nearest number of so many decimals, as the exact value lies, ties to the even digit.
+double rounded(double value, int decimals);
 
 }  // namespace decision_bounds

@@ -3,13 +3,16 @@
 /// The one place where a call that finds no room in a bound sleeps.
 
 #include "decision_bounds/errors.hpp"
-#include "decision_bounds/larger.hpp"
+#include "decision_bounds/larger_smaller.hpp"
 
 namespace decision_bounds {
 
-/// Sleeps on `changed` until it is notified, or for the poll interval at most, so that a stop and
-/// a deadline, which nothing signals, are seen in time. The caller holds the lock of `changed`,
-/// which is given up only while asleep, and decides again after each return.
+/// The longest that one wait sleeps, seconds.
+inline constexpr double poll_interval_s = 0.1;
+
+/// Sleeps on `changed` until it is notified, or for the poll interval (`host.poll_s()`) at most, so
+/// that a stop and a deadline, which nothing signals, are seen in time. The caller holds the lock
+/// of `changed`, which is given up only while asleep, and decides again after each return.
 ///
 /// Raises `Refusal::stopped` where `stopping` says so, then `Refusal::timeout` where `deadline` and
 /// `clock` are both given and the clock (seconds) has reached the deadline; either before any

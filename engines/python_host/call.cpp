@@ -15,15 +15,14 @@ Ref counted(const Call& call) {
 
 }  // namespace
 
-Ref call_counted(PyObject* function, PyObject* const* arguments, std::size_t count,
-                 PyObject* keywords) {
+Ref call_counted(PyObject* function, PyObject** arguments, std::size_t count, PyObject* keywords) {
   return counted([&] {
     return PyObject_Vectorcall(function, arguments, count | PY_VECTORCALL_ARGUMENTS_OFFSET,
                                keywords);
   });
 }
 
-Ref call_method_counted(PyObject* name, PyObject* const* arguments, std::size_t count) {
+Ref call_method_counted(PyObject* name, PyObject** arguments, std::size_t count) {
   return counted([&] {
     return PyObject_VectorcallMethod(name, arguments, count | PY_VECTORCALL_ARGUMENTS_OFFSET,
                                      nullptr);

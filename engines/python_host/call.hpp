@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstddef>
+#include <tuple>
 
 #include "python_host/numbers.hpp"
 #include "python_host/ref.hpp"
@@ -14,31 +15,33 @@ namespace decision_bounds::python {
 /// Calls `function` with so many arguments and answers a new reference. Counts one level of
 /// recursion: a share that settles a share that settles a share, and so on, ends in the
 /// interpreter's `RecursionError` and not in an overflow of the stack.
-Ref call_counted(PyObject* function, PyObject* const* arguments, std::size_t count,
+Ref call_counted(PyObject* function, PyObject** arguments, std::size_t count,
                  PyObject* keywords = nullptr);
 
 /// Calls the attribute `name` of the first of the arguments with the others.
-Ref call_method_counted(PyObject* name, PyObject* const* arguments, std::size_t count);
+Ref call_method_counted(PyObject* name, PyObject** arguments, std::size_t count);
 
+/// Calls `function`. Raises `AttributeError` where it, or an argument, is a field that is not set.
 template <typename... Arguments>
 Ref call(const Ref& function, const Arguments&... arguments) {
   const Ref called = value_of(function);
   const std::array<Ref, sizeof...(arguments)> held = {value_of(arguments)...};
   return std::apply(
       [&](const auto&... each) {
-        // The free first place lets a bound method put its object there without a copy.
-        const std::array<PyObject*, sizeof...(each) + 1> places = {nullptr, each.get()...};
+        // The callee may write to the free first place: a bound method puts its object there.
+        std::array<PyObject*, sizeof...(each) + 1> places = {nullptr, each.get()...};
         return call_counted(called.get(), places.data() + 1, sizeof...(each));
       },
       held);
 }
 
+/// Calls the attribute `name` of `object`, with the same rule.
 template <typename... Arguments>
 Ref call_method(PyObject* name, const Ref& object, const Arguments&... arguments) {
   const std::array<Ref, sizeof...(arguments) + 1> held = {value_of(object), value_of(arguments)...};
   return std::apply(
       [&](const auto&... each) {
-        const std::array<PyObject*, sizeof...(each)> places = {each.get()...};
+        std::array<PyObject*, sizeof...(each)> places = {each.get()...};
         return call_method_counted(name, places.data(), places.size());
       },
       held);

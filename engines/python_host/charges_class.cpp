@@ -1,3 +1,7 @@
+/// The class `_Charges`: its declaration, its storage and its operations.
+
+#include <cstddef>
+
 #include "decision_bounds/charges.hpp"
 #include "python_host/declaration.hpp"
 #include "python_host/surface.hpp"
@@ -8,7 +12,10 @@ namespace {
 
 using HostCharges = Charges<Python>;
 
-constexpr std::array fields = {"per_byte", "per_call"};
+constexpr Field fields[] = {
+    {"per_byte", offsetof(HostCharges, per_byte)},
+    {"per_call", offsetof(HostCharges, per_call)},
+};
 
 constexpr Declaration declaration = {"_Charges", R"(
 class _Charges:
@@ -28,12 +35,8 @@ class _Charges:
 )"};
 
 constexpr Definition operations[] = {
-    {"bound", body<[](const Python&, const Arguments& arguments) {
-       return arguments.self<HostCharges>().bound(arguments.get(1));
-     }>},
-    {"learn", body<[](const Python&, const Arguments& arguments) {
-       arguments.self<HostCharges>().learn(arguments.get(1), arguments.get(2));
-     }>},
+    {"bound", method<&HostCharges::bound>},
+    {"learn", method<&HostCharges::learn>},
 };
 
 }  // namespace

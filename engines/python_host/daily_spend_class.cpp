@@ -1,3 +1,7 @@
+/// The class `DailySpend`: its declaration, its storage and its operations.
+
+#include <cstddef>
+
 #include "decision_bounds/daily_spend.hpp"
 #include "python_host/declaration.hpp"
 #include "python_host/imports.hpp"
@@ -9,8 +13,11 @@ namespace {
 
 using HostSpend = DailySpend<Python>;
 
-constexpr std::array fields = {
-    "_cap", "_today", "_ledger", "_changed", "_held", "_day", "_cost", "_capped",
+constexpr Field fields[] = {
+    {"_cap", offsetof(HostSpend, cap)},       {"_today", offsetof(HostSpend, today)},
+    {"_ledger", offsetof(HostSpend, ledger)}, {"_changed", offsetof(HostSpend, changed_)},
+    {"_held", offsetof(HostSpend, held_)},    {"_day", offsetof(HostSpend, day_)},
+    {"_cost", offsetof(HostSpend, cost_)},    {"_capped", offsetof(HostSpend, capped_)},
 };
 
 constexpr Declaration declaration = {"DailySpend", R"(
@@ -62,37 +69,25 @@ class DailySpend:
 )"};
 
 constexpr Definition operations[] = {
-    {"__init__", body<[](const Python& host, const Arguments& arguments) {
+    {"__init__",
+     [](const Python& host, const Arguments& arguments) {
        auto& spend = arguments.self<HostSpend>();
-       spend.cap_ = arguments.get(1);
-       spend.today_ = arguments.get<Function>(2);
-       spend.ledger_ = arguments.get<Function>(3);
+       spend.cap = arguments.get(1);
+       spend.today = arguments.get<Function>(2);
+       spend.ledger = arguments.get<Function>(3);
        spend.changed_ = Condition(call_method("Condition", host.state->threading));
        spend.held_ = HeldRecord(call(host.state->global(Name::held)));
        spend.day_ = interned("");
        spend.cost_ = Ref(0.0);
        spend.capped_ = Ref(false);
-     }>},
-    {"spent", body<[](const Python& host, const Arguments& arguments) {
-       return arguments.self<HostSpend>().spent(host);
-     }>},
-    {"admit", body<[](const Python& host, const Arguments& arguments) {
-       return arguments.self<HostSpend>().admit(
-           arguments.get<Function>(1), arguments.get<Optional>(2), arguments.get<Function>(3),
-           arguments.get<StopFunction>(4), host);
-     }>},
-    {"charge", body<[](const Python& host, const Arguments& arguments) {
-       arguments.self<HostSpend>().charge(arguments.get(1), host);
-     }>},
-    {"_give_back", body<[](const Python& host, const Arguments& arguments) {
-       arguments.self<HostSpend>().give_back(arguments.get(1), arguments.get<Optional>(2), host);
-     }>},
-    {"_today_locked", body<[](const Python& host, const Arguments& arguments) {
-       return arguments.self<HostSpend>().today_locked(host);
-     }>},
-    {"_spent_since", body<[](const Python& host, const Arguments& arguments) {
-       return arguments.self<HostSpend>().spent_since(arguments.get(1), host);
-     }>},
+       return Ref::none();
+     }},
+    {"spent", method<&HostSpend::spent>},
+    {"admit", method<&HostSpend::admit>},
+    {"charge", method<&HostSpend::charge>},
+    {"_give_back", method<&HostSpend::give_back>},
+    {"_today_locked", method<&HostSpend::today_locked>},
+    {"_spent_since", method<&HostSpend::spent_since>},
 };
 
 }  // namespace

@@ -38,18 +38,19 @@ Ref own_attribute(const Ref& type, const char* name) {
 /// Has the host's record facility derive constructor, text form, equality and the rest from the
 /// declared fields. It reads the defaults from the names of the fields, which the descriptors of
 /// the storage leave to them meanwhile.
-void make_record(const Ref& type, const Ref& declared, std::span<const char* const> fields) {
+void make_record(const Ref& type, const Ref& declared, std::span<const Field> fields) {
   const Ref descriptors = Ref::checked(PyDict_New());
-  for (const char* field : fields) {
-    check(PyDict_SetItemString(descriptors.get(), field, own_attribute(type, field).get()));
-    if (const Ref value = own_attribute(declared, field); value.get() != nullptr) {
-      set(type, field, value);
+  for (const Field& field : fields) {
+    check(
+        PyDict_SetItemString(descriptors.get(), field.name, own_attribute(type, field.name).get()));
+    if (const Ref value = own_attribute(declared, field.name); value.get() != nullptr) {
+      set(type, field.name, value);
     }
   }
   set(type, "__annotations__", attribute(declared, "__annotations__"));
   call_method("dataclass", import("dataclasses"), type);
-  for (const char* field : fields) {
-    set(type, field, Ref::to(PyDict_GetItemString(descriptors.get(), field)));
+  for (const Field& field : fields) {
+    set(type, field.name, Ref::to(PyDict_GetItemString(descriptors.get(), field.name)));
   }
 }
 
@@ -66,7 +67,7 @@ void bind_function(State* state, const Declaration& declaration, Body body) {
 }
 
 void bind_class(State* state, const Declaration& declaration, const Ref& type,
-                std::span<const char* const> fields, std::span<const Definition> operations) {
+                std::span<const Field> fields, std::span<const Definition> operations) {
   const Ref declared = declare(state, declaration);
   set(type, "__module__", attribute(declared, "__module__"));
   set(type, "__doc__", attribute(declared, "__doc__"));
@@ -74,7 +75,7 @@ void bind_class(State* state, const Declaration& declaration, const Ref& type,
   const Ref slots = Ref::checked(PyTuple_New(static_cast<Py_ssize_t>(fields.size())));
   for (std::size_t index = 0; index < fields.size(); ++index) {
     PyTuple_SET_ITEM(slots.get(), static_cast<Py_ssize_t>(index),
-                     interned(fields[index]).release());
+                     interned(fields[index].name).release());
   }
   set(type, "__slots__", slots);
   for (const Definition& operation : operations) {

@@ -6,6 +6,7 @@
 /// `inspect` is its own; the bodies and the storage are C++.
 
 #include <array>
+#include <cstddef>
 #include <span>
 
 #include "python_host/instance.hpp"
@@ -17,6 +18,12 @@ namespace decision_bounds::python {
 struct Definition {
   const char* name;
   Body body;
+};
+
+/// A field of a bound, and the attribute that it is.
+struct Field {
+  const char* name;
+  std::size_t offset;  ///< In the bound.
 };
 
 /// A class or a function.
@@ -34,24 +41,24 @@ void bind_function(State* state, const Declaration& declaration, Body body);
 /// Gives `type`, which stores the fields, all that the class declares, and binds it. Where fields
 /// are declared, the class becomes a record of the host's own facility.
 void bind_class(State* state, const Declaration& declaration, const Ref& type,
-                std::span<const char* const> fields, std::span<const Definition> operations);
+                std::span<const Field> fields, std::span<const Definition> operations);
 
 /// Makes a type whose objects store a `Bound`, with each of its fields as a plain attribute.
 /// `qualified_name` stays where it is: the type points at it.
 template <typename Bound>
 Ref make_type(PyObject* module, const char* qualified_name,
-              const std::array<const char*, field_count<Bound>>& fields) {
+              const Field (&fields)[field_count<Bound>]) {
   using Stored = Instance<Bound>;
   const auto offset = [](std::size_t place) { return static_cast<Py_ssize_t>(place); };
   std::array<PyMemberDef, field_count<Bound> + 3> members{};
-  for (std::size_t index = 0; index < fields.size(); ++index) {
-    members[index] = {fields[index], T_OBJECT_EX,
-                      offset(offsetof(Stored, bound) + index * sizeof(PyObject*)), 0, nullptr};
+  for (std::size_t index = 0; index < field_count<Bound>; ++index) {
+    members[index] = {fields[index].name, T_OBJECT_EX,
+                      offset(offsetof(Stored, bound) + fields[index].offset), 0, nullptr};
   }
-  members[fields.size()] = {"__dictoffset__", T_PYSSIZET, offset(offsetof(Stored, dict)), READONLY,
-                            nullptr};
-  members[fields.size() + 1] = {"__weaklistoffset__", T_PYSSIZET,
-                                offset(offsetof(Stored, weak_references)), READONLY, nullptr};
+  members[field_count<Bound>] = {"__dictoffset__", T_PYSSIZET, offset(offsetof(Stored, dict)),
+                                 READONLY, nullptr};
+  members[field_count<Bound> + 1] = {"__weaklistoffset__", T_PYSSIZET,
+                                     offset(offsetof(Stored, weak_references)), READONLY, nullptr};
   std::array<PyType_Slot, 7> slots = {{
       {Py_tp_new, reinterpret_cast<void*>(Stored::make)},
       {Py_tp_dealloc, reinterpret_cast<void*>(Stored::dealloc)},

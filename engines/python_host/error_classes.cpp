@@ -1,3 +1,5 @@
+/// The errors that end a decision call.
+
 #include "python_host/declaration.hpp"
 #include "python_host/surface.hpp"
 

@@ -28,7 +28,7 @@ class Failure {
 };
 
 /// Answers what the block answers; where the block fails, runs `undo`, and the failure goes on.
-auto with_undo(const auto& block, const auto& undo) {
+auto on_failure(const auto& block, const auto& undo) {
   try {
     return block();
   } catch (const Raised&) {

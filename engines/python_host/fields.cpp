@@ -1,13 +1,10 @@
 #include "python_host/fields.hpp"
 
-#include "python_host/instance.hpp"
-#include "python_host/python.hpp"
-
 namespace decision_bounds::python {
 
 Function GiveBackSlot::exchange_for_none() {
   const Ref present = value_of(*this);
-  return Function(std::exchange(static_cast<Ref&>(*this), Ref::none()));
+  return Function(std::exchange(static_cast<Ref&>(*this), none()));
 }
 
 bool Features::contains(const Ref& feature) const {
@@ -23,49 +20,6 @@ void Features::insert(const Ref& feature) const {
     check(host_call([&] { return PySet_Add(features.get(), feature.get()); }));
   } else {
     call_method("add", features, feature);
-  }
-}
-
-bool HeldRecord::admits(const Ref& share, const Ref& used, const Ref& limit) const {
-  const Ref record = value_of(*this);
-  if (const Held<Python>* held = exact_bound<Held<Python>>(record)) {
-    return held->admits(share, used, limit);
-  }
-  return truth(call_method("admits", record, share, used, limit));
-}
-
-void HeldRecord::take_or_nothing(const Ref& share) const {
-  const Ref record = value_of(*this);
-  if (Held<Python>* held = exact_bound<Held<Python>>(record)) {
-    held->take_or_nothing(share);
-  } else {
-    call_method("take", record, share);
-  }
-}
-
-void HeldRecord::give_back(const Ref& share) const {
-  const Ref record = value_of(*this);
-  if (Held<Python>* held = exact_bound<Held<Python>>(record)) {
-    held->give_back(share);
-  } else {
-    call_method("give_back", record, share);
-  }
-}
-
-Ref ChargesRecord::bound(const Ref& size) const {
-  const Ref record = value_of(*this);
-  if (const Charges<Python>* charges = exact_bound<Charges<Python>>(record)) {
-    return charges->bound(size);
-  }
-  return call_method("bound", record, size);
-}
-
-void ChargesRecord::learn(const Ref& size, const Ref& charge) const {
-  const Ref record = value_of(*this);
-  if (Charges<Python>* charges = exact_bound<Charges<Python>>(record)) {
-    charges->learn(size, charge);
-  } else {
-    call_method("learn", record, size, charge);
   }
 }
 

@@ -3,6 +3,8 @@
 /// What the fields of a bound hold on this side. Each is one reference and nothing else, so that
 /// the field is a plain attribute; the type says what the bound may do with it.
 
+#include <utility>
+
 #include "python_host/call.hpp"
 #include "python_host/numbers.hpp"
 #include "python_host/ref.hpp"

@@ -1,5 +1,7 @@
 #include "python_host/give_back.hpp"
 
+#include <new>
+
 #include "python_host/state.hpp"
 
 namespace decision_bounds::python {
@@ -70,6 +72,8 @@ PyObject* vectorcall(PyObject* callable, PyObject* const* arguments, std::size_t
     return Py_NewRef(Py_None);
   } catch (const Raised&) {
     return nullptr;
+  } catch (const std::bad_alloc&) {
+    return PyErr_NoMemory();
   }
 }
 

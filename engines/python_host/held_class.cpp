@@ -1,3 +1,7 @@
+/// The class `_Held`: its declaration, its storage and its operations.
+
+#include <cstddef>
+
 #include "decision_bounds/held.hpp"
 #include "python_host/declaration.hpp"
 #include "python_host/surface.hpp"
@@ -8,7 +12,11 @@ namespace {
 
 using HostHeld = Held<Python>;
 
-constexpr std::array fields = {"holders", "amount", "unbounded"};
+constexpr Field fields[] = {
+    {"holders", offsetof(HostHeld, holders)},
+    {"amount", offsetof(HostHeld, amount)},
+    {"unbounded", offsetof(HostHeld, unbounded)},
+};
 
 constexpr Declaration declaration = {"_Held", R"(
 class _Held:
@@ -33,16 +41,9 @@ class _Held:
 )"};
 
 constexpr Definition operations[] = {
-    {"admits", body<[](const Python&, const Arguments& arguments) {
-       return arguments.self<HostHeld>().admits(arguments.get(1), arguments.get(2),
-                                                arguments.get(3));
-     }>},
-    {"take", body<[](const Python&, const Arguments& arguments) {
-       arguments.self<HostHeld>().take(arguments.get(1));
-     }>},
-    {"give_back", body<[](const Python&, const Arguments& arguments) {
-       arguments.self<HostHeld>().give_back(arguments.get(1));
-     }>},
+    {"admits", method<&HostHeld::admits>},
+    {"take", method<&HostHeld::take>},
+    {"give_back", method<&HostHeld::give_back>},
 };
 
 }  // namespace

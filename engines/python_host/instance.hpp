@@ -2,7 +2,6 @@
 
 /// The objects of the module's classes: a bound, and what every object of the host has.
 
-#include <array>
 #include <cstddef>
 #include <new>
 
@@ -94,11 +93,13 @@ Bound* exact_bound(const Ref& object) {
 /// The bound in an object of its class or of a subclass; raises `TypeError` for any other object.
 template <typename Bound>
 Bound& bound_of(PyObject* object) {
-  for (const PyTypeObject* type = Py_TYPE(object); type != nullptr; type = type->tp_base) {
+  const PyTypeObject* type = Py_TYPE(object);
+  do {
     if (is_exact_type<Bound>(type)) {
       return Instance<Bound>::of(object)->bound;
     }
-  }
+    type = type->tp_base;
+  } while (type != nullptr);
   PyErr_Format(PyExc_TypeError, "the operation does not belong to '%.100s' objects",
                Py_TYPE(object)->tp_name);
   throw Raised{};

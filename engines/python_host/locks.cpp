@@ -1,3 +1,6 @@
+// `_PyType_Lookup` and `_PyObject_GetDictPtr` are the interpreter's own names for what it does at
+// each attribute access; its public ones would make a bound method or a new dictionary of it.
+
 #include "python_host/locks.hpp"
 
 #include "python_host/call.hpp"
@@ -146,8 +149,6 @@ bool HostLocks::condition_type_is_unchanged() {
   return true;
 }
 
-/// The attributes of an exact condition that nobody has patched, neither it nor its type, borrowed
-/// from it; null for any other object.
 PyObject* HostLocks::plain_attributes(const Ref& condition) {
   if (Py_TYPE(condition.get()) != type_of(condition_type_) || !condition_type_is_unchanged()) {
     return nullptr;

@@ -54,7 +54,10 @@ class HostLocks {
   void notify_all(const Ref& condition);
 
  private:
+  /// The attributes of an exact condition that nobody has patched, neither it nor its type,
+  /// borrowed from it; null for any other object.
   PyObject* plain_attributes(const Ref& condition);
+  /// Whether the condition type has the methods that it had when the module was loaded.
   bool condition_type_is_unchanged();
 
   LockType mutex_;
@@ -66,8 +69,9 @@ class HostLocks {
   Ref waiters_name_;
   Ref notify_all_name_;
   Ref patchable_;  ///< Names and functions of the condition type that the short way leaves out.
-  unsigned version_ = 0;            ///< The type's version tag when it was last seen unchanged.
-  Py_ssize_t attribute_count_ = 0;  ///< Of a condition that nobody has added to.
+  unsigned version_ = 0;  ///< The type's version tag when it was last seen unchanged.
+  /// Of a condition that nobody has added to; 0, which none has, where the short way is closed.
+  Py_ssize_t attribute_count_ = 0;
 };
 
 }  // namespace decision_bounds::python

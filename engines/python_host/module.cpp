@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include "decision_bounds/wait.hpp"
 #include "python_host/call.hpp"
 #include "python_host/failure.hpp"
 #include "python_host/give_back.hpp"
@@ -14,8 +15,6 @@
 namespace decision_bounds::python {
 
 namespace {
-
-constexpr double poll_interval_s = 0.1;
 
 State* state_of(PyObject* module) {
   return static_cast<State*>(PyModule_GetState(module));
@@ -74,7 +73,8 @@ void bind_names(State* state) {
   bind(module, "logger", call_method("getLogger", import("logging"), name));
   bind(module, "_POLL_S", Ref(poll_interval_s));
   bind_errors(state);
-  bind_replies(state);
+  bind_paid_reply(state);
+  bind_stock_functions(state);
   bind_share(state);
   bind_held(state);
   bind_wait(state);
@@ -86,14 +86,18 @@ void bind_names(State* state) {
 
 int execute(PyObject* module) {
   try {
-    State* state = new (state_of(module)) State{};
+    auto* state = new (state_of(module)) State{};
     state->load(module);
     state->operation_type = make_operation_type(module);
     state->give_back_type = make_give_back_type(module);
     Registration registration(module);
-    LentNames lent(module);
-    with_undo([&] { bind_names(state); }, [&] { registration.undo(); });
-    lent.take_back();
+    on_failure(
+        [&] {
+          LentNames lent(module);
+          bind_names(state);
+          lent.take_back();
+        },
+        [&] { registration.undo(); });
     registration.undo();
     return 0;
   } catch (const Raised&) {
@@ -109,7 +113,8 @@ int traverse(PyObject* module, visitproc visit, void* arg) {
   return state == nullptr ? 0 : state->traverse(visit, arg);
 }
 
-// There is no clear: what can still call an operation keeps the module, and so the state, which the
+// A module that was not executed has zeroed memory for its state, which is an empty state. There is
+// no clear: what can still call an operation keeps the module, and so the state, which the
 // operation needs. Nothing in the state leads back to the module but types that the module keeps.
 void free(void* module) {
   if (State* state = state_of(static_cast<PyObject*>(module))) {

@@ -16,11 +16,11 @@ Ref operate(binaryfunc operation, const Ref& left, const Ref& right) {
   return Ref::checked(host_call([&] { return operation(first.get(), second.get()); }));
 }
 
-bool compare(const Ref& left, const Ref& right, int comparison) {
+bool compare(const Ref& left, const Ref& right, int operation) {
   const Ref first = value_of(left);
   const Ref second = value_of(right);
   const Ref answer = Ref::checked(
-      host_call([&] { return PyObject_RichCompare(first.get(), second.get(), comparison); }));
+      host_call([&] { return PyObject_RichCompare(first.get(), second.get(), operation); }));
   return truth(answer);
 }
 

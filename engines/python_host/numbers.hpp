@@ -11,6 +11,9 @@
 
 namespace decision_bounds::python {
 
+// The product of two small ints of the older versions has 60 bits.
+static_assert(sizeof(long) == 8);
+
 inline bool is_float(PyObject* object) {
   return object != nullptr && PyFloat_CheckExact(object);
 }
@@ -56,12 +59,12 @@ Ref value_of(const Ref& field);
 /// The interpreter's way, for operands of any type: raises what their operators raise, and
 /// `AttributeError` for a field that is not set.
 Ref operate(binaryfunc operation, const Ref& left, const Ref& right);
-bool compare(const Ref& left, const Ref& right, int comparison);
+bool compare(const Ref& left, const Ref& right, int operation);
 bool truth_of_any(const Ref& value);
 double as_double(const Ref& value);
 
 template <typename Operation>
-Ref arithmetic(const Ref& left, const Ref& right, Operation operation, binaryfunc any) {
+Ref arithmetic(const Ref& left, const Ref& right, Operation operation, binaryfunc general) {
   if (is_small_int(left.get()) && is_small_int(right.get())) {
     return Ref::checked(PyLong_FromLong(operation(small_int(left.get()), small_int(right.get()))));
   }
@@ -70,26 +73,26 @@ Ref arithmetic(const Ref& left, const Ref& right, Operation operation, binaryfun
   if (read_small(left.get(), first) && read_small(right.get(), second)) {
     return Ref(operation(first, second));
   }
-  return operate(any, left, right);
+  return operate(general, left, right);
 }
 
 /// The same with a small int of this side.
 template <typename Operation>
-Ref arithmetic(const Ref& left, long right, Operation operation, binaryfunc any) {
+Ref arithmetic(const Ref& left, long right, Operation operation, binaryfunc general) {
   if (is_small_int(left.get())) {
     return Ref::checked(PyLong_FromLong(operation(small_int(left.get()), right)));
   }
-  return operate(any, left, Ref::checked(PyLong_FromLong(right)));
+  return operate(general, left, Ref::checked(PyLong_FromLong(right)));
 }
 
 template <typename Comparison>
-bool comparison(const Ref& left, const Ref& right, Comparison compare_small, int any) {
+bool comparison(const Ref& left, const Ref& right, Comparison compare_small, int general) {
   double first = 0.0;
   double second = 0.0;
   if (read_small(left.get(), first) && read_small(right.get(), second)) {
     return compare_small(first, second);
   }
-  return compare(left, right, any);
+  return compare(left, right, general);
 }
 
 inline Ref operator+(const Ref& left, const Ref& right) {

@@ -1,6 +1,7 @@
 #include "python_host/operation.hpp"
 
 #include <algorithm>
+#include <new>
 
 #include "python_host/imports.hpp"
 
@@ -170,6 +171,7 @@ constexpr PyGetSetDef answered_by_declared(const char* name) {
   return {name, declared_attribute, nullptr, nullptr, const_cast<char*>(name)};
 }
 
+// `__code__` and `__globals__` are among them because `inspect` takes what has them for a function.
 PyGetSetDef attributes[] = {
     answered_by_declared("__name__"),
     answered_by_declared("__qualname__"),

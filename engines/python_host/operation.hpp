@@ -3,7 +3,8 @@
 /// The functions and operations of the module, as the host sees them.
 
 #include <cstddef>
-#include <span>
+#include <type_traits>
+#include <utility>
 
 #include "python_host/fields.hpp"
 #include "python_host/instance.hpp"
@@ -23,8 +24,6 @@ class Arguments {
   Bound& self() const {
     return bound_of<Bound>(values_[0]);
   }
-  PyObject* self_object() const { return values_[0]; }
-
   template <typename Value = Ref>
   Value get(std::size_t index) const {
     return Value(Ref::to(values_[index]));
@@ -34,20 +33,58 @@ class Arguments {
   PyObject* const* values_;
 };
 
-/// What an operation does. It answers a reference, a bool, or nothing, which the host sees as None.
+/// What an operation does.
 using Body = Ref (*)(const Python& host, const Arguments& arguments);
 
-/// Makes the body of a function that answers nothing, a bool or a reference.
-template <auto function>
-Ref body(const Python& host, const Arguments& arguments) {
-  using Result = decltype(function(host, arguments));
-  if constexpr (std::is_void_v<Result>) {
-    function(host, arguments);
+/// What a body returns of what an operation returned: nothing is None.
+template <typename Operation>
+Ref returned(const Operation& operation) {
+  if constexpr (std::is_void_v<decltype(operation())>) {
+    operation();
     return Ref::none();
   } else {
-    return Ref(function(host, arguments));
+    return Ref(operation());
   }
 }
+
+/// The argument for a parameter of a bound's operation: the host, or what the call passed.
+template <typename Parameter>
+decltype(auto) argument_for(const Python& host, const Arguments& arguments, std::size_t index) {
+  using Value = std::remove_cvref_t<Parameter>;
+  if constexpr (std::is_same_v<Value, Python>) {
+    return (host);
+  } else {
+    return arguments.get<Value>(index);
+  }
+}
+
+template <typename Bound, typename... Parameters, typename Operation, std::size_t... index>
+Ref call_operation(Operation operation, const Python& host, const Arguments& arguments,
+                   std::index_sequence<index...> /*parameters*/) {
+  Bound& self = arguments.self<Bound>();
+  return returned(
+      [&] { return (self.*operation)(argument_for<Parameters>(host, arguments, index + 1)...); });
+}
+
+template <typename Result, typename Bound, typename... Parameters>
+Ref call_operation(Result (Bound::*operation)(Parameters...), const Python& host,
+                   const Arguments& arguments) {
+  return call_operation<Bound, Parameters...>(operation, host, arguments,
+                                              std::index_sequence_for<Parameters...>());
+}
+
+template <typename Result, typename Bound, typename... Parameters>
+Ref call_operation(Result (Bound::*operation)(Parameters...) const, const Python& host,
+                   const Arguments& arguments) {
+  return call_operation<Bound, Parameters...>(operation, host, arguments,
+                                              std::index_sequence_for<Parameters...>());
+}
+
+/// The body that calls an operation of a bound with the arguments, in order, and the host.
+template <auto operation>
+inline constexpr Body method = [](const Python& host, const Arguments& arguments) {
+  return call_operation(operation, host, arguments);
+};
 
 /// Makes the type of the operations; it is not bound to any name.
 Ref make_operation_type(PyObject* module);

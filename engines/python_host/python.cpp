@@ -1,5 +1,7 @@
 #include "python_host/python.hpp"
 
+#include <array>
+
 namespace decision_bounds {
 
 template struct Held<python::Python>;
@@ -29,10 +31,9 @@ Name name_of(Refusal refusal) {
       return Name::timeout;
     case Refusal::stopped:
       return Name::stopped;
-    case Refusal::budget_exceeded:
-      break;
+    default:
+      return Name::budget_exceeded;
   }
-  return Name::budget_exceeded;
 }
 
 Ref text_of(const char* text) {
@@ -49,8 +50,8 @@ void Python::wait(const Ref& changed, const Ref& stopping, const Ref& deadline,
                   const Ref& clock) const {
   const Ref function = state->global(Name::wait);
   const Ref condition = value_of(changed);
-  const std::array<PyObject*, 5> places = {nullptr, condition.get(), stopping.get(), deadline.get(),
-                                           clock.get()};
+  std::array<PyObject*, 5> places = {nullptr, condition.get(), stopping.get(), deadline.get(),
+                                     clock.get()};
   call_counted(function.get(), places.data() + 1, 2, state->deadline_and_clock.get());
 }
 
@@ -106,7 +107,7 @@ void Python::warn(const char* text, const Ref& cost, const Ref& cap) const {
 void Python::warn_of_error(const char* text, const Ref& day, const Ref& error) const {
   const Ref warning = property(state->global(Name::logger), state->name(Name::warning));
   const Ref message = text_of(text);
-  const std::array<PyObject*, 4> places = {nullptr, message.get(), day.get(), error.get()};
+  std::array<PyObject*, 4> places = {nullptr, message.get(), day.get(), error.get()};
   call_counted(warning.get(), places.data() + 1, 2, state->exc_info.get());
 }
 

@@ -79,8 +79,8 @@ struct Python {
   template <typename Bound>
   Ref make_share(const Bound& bound, const Ref& held) const;
 
-  static auto with_undo(const auto& block, const auto& undo) {
-    return python::with_undo(block, undo);
+  static auto on_failure(const auto& block, const auto& undo) {
+    return python::on_failure(block, undo);
   }
   static void attempt(const auto& block, const auto& failed) { python::attempt(block, failed); }
 

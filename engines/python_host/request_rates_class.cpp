@@ -1,3 +1,7 @@
+/// The class `RequestRates`: its declaration, its storage and its operations.
+
+#include <cstddef>
+
 #include "decision_bounds/request_rates.hpp"
 #include "python_host/declaration.hpp"
 #include "python_host/imports.hpp"
@@ -9,7 +13,12 @@ namespace {
 
 using HostRates = RequestRates<Python>;
 
-constexpr std::array fields = {"_lock", "_cost", "_tokens", "_features"};
+constexpr Field fields[] = {
+    {"_lock", offsetof(HostRates, lock_)},
+    {"_cost", offsetof(HostRates, cost_)},
+    {"_tokens", offsetof(HostRates, tokens_)},
+    {"_features", offsetof(HostRates, features_)},
+};
 
 constexpr Declaration declaration = {"RequestRates", R"(
 class RequestRates:
@@ -37,23 +46,18 @@ class RequestRates:
 )"};
 
 constexpr Definition operations[] = {
-    {"__init__", body<[](const Python& host, const Arguments& arguments) {
+    {"__init__",
+     [](const Python& host, const Arguments& arguments) {
        auto& rates = arguments.self<HostRates>();
        rates.lock_ = call_method("Lock", host.state->threading);
        rates.cost_ = ChargesRecord(call(host.state->global(Name::charges)));
        rates.tokens_ = ChargesRecord(call(host.state->global(Name::charges)));
        rates.features_ = Features(Ref::checked(PySet_New(nullptr)));
-     }>},
-    {"cost", body<[](const Python& host, const Arguments& arguments) {
-       return arguments.self<HostRates>().cost(arguments.get(1), arguments.get(2), host);
-     }>},
-    {"tokens", body<[](const Python& host, const Arguments& arguments) {
-       return arguments.self<HostRates>().tokens(arguments.get(1), host);
-     }>},
-    {"learn", body<[](const Python& host, const Arguments& arguments) {
-       arguments.self<HostRates>().learn(arguments.get(1), arguments.get(2), arguments.get(3),
-                                         host);
-     }>},
+       return Ref::none();
+     }},
+    {"cost", method<&HostRates::cost>},
+    {"tokens", method<&HostRates::tokens>},
+    {"learn", method<&HostRates::learn>},
 };
 
 }  // namespace

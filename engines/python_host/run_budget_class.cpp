@@ -1,3 +1,7 @@
+/// The class `RunBudget`: its declaration, its storage and its operations.
+
+#include <cstddef>
+
 #include "decision_bounds/run_budget.hpp"
 #include "python_host/declaration.hpp"
 #include "python_host/surface.hpp"
@@ -8,9 +12,17 @@ namespace {
 
 using HostBudget = RunBudget<Python>;
 
-constexpr std::array fields = {
-    "max_calls",  "max_tokens", "calls",       "input_tokens", "cost",
-    "cache_hits", "in_flight",  "should_stop", "_held_tokens", "_changed",
+constexpr Field fields[] = {
+    {"max_calls", offsetof(HostBudget, max_calls)},
+    {"max_tokens", offsetof(HostBudget, max_tokens)},
+    {"calls", offsetof(HostBudget, calls)},
+    {"input_tokens", offsetof(HostBudget, input_tokens)},
+    {"cost", offsetof(HostBudget, cost)},
+    {"cache_hits", offsetof(HostBudget, cache_hits)},
+    {"in_flight", offsetof(HostBudget, in_flight)},
+    {"should_stop", offsetof(HostBudget, should_stop)},
+    {"_held_tokens", offsetof(HostBudget, held_tokens_)},
+    {"_changed", offsetof(HostBudget, changed_)},
 };
 
 constexpr Declaration declaration = {"RunBudget", R"(
@@ -73,33 +85,15 @@ class RunBudget:
 )"};
 
 constexpr Definition operations[] = {
-    {"stopping", body<[](const Python&, const Arguments& arguments) {
-       return arguments.self<HostBudget>().stopping();
-     }>},
-    {"exhausted", body<[](const Python& host, const Arguments& arguments) {
-       return arguments.self<HostBudget>().exhausted(host);
-     }>},
-    {"_exhausted_locked", body<[](const Python&, const Arguments& arguments) {
-       return arguments.self<HostBudget>().exhausted_locked();
-     }>},
-    {"reserve", body<[](const Python& host, const Arguments& arguments) {
-       arguments.self<HostBudget>().reserve(arguments.get(1), host);
-     }>},
-    {"hold", body<[](const Python& host, const Arguments& arguments) {
-       return arguments.self<HostBudget>().hold(arguments.get(1), host);
-     }>},
-    {"release", body<[](const Python& host, const Arguments& arguments) {
-       arguments.self<HostBudget>().release(arguments.get(1), host);
-     }>},
-    {"charge", body<[](const Python& host, const Arguments& arguments) {
-       arguments.self<HostBudget>().charge(arguments.get(1), arguments.get(2), host);
-     }>},
-    {"summary", body<[](const Python& host, const Arguments& arguments) {
-       return arguments.self<HostBudget>().summary(host);
-     }>},
-    {"_summary_locked", body<[](const Python& host, const Arguments& arguments) {
-       return arguments.self<HostBudget>().summary_locked(host);
-     }>},
+    {"stopping", method<&HostBudget::stopping>},
+    {"exhausted", method<&HostBudget::exhausted>},
+    {"_exhausted_locked", method<&HostBudget::exhausted_locked>},
+    {"reserve", method<&HostBudget::reserve>},
+    {"hold", method<&HostBudget::hold>},
+    {"release", method<&HostBudget::release>},
+    {"charge", method<&HostBudget::charge>},
+    {"summary", method<&HostBudget::summary>},
+    {"_summary_locked", method<&HostBudget::summary_locked>},
 };
 
 }  // namespace

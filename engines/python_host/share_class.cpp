@@ -1,3 +1,7 @@
+/// The class `Share`: its declaration, its storage and its operations.
+
+#include <cstddef>
+
 #include "decision_bounds/share.hpp"
 #include "python_host/declaration.hpp"
 #include "python_host/surface.hpp"
@@ -8,7 +12,9 @@ namespace {
 
 using HostShare = Share<GiveBackSlot>;
 
-constexpr std::array fields = {"_give_back"};
+constexpr Field fields[] = {
+    {"_give_back", offsetof(HostShare, give_back_)},
+};
 
 constexpr Declaration declaration = {"Share", R"(
 class Share:
@@ -37,16 +43,22 @@ class Share:
 )"};
 
 constexpr Definition operations[] = {
-    {"__init__", body<[](const Python&, const Arguments& arguments) {
+    {"__init__",
+     [](const Python&, const Arguments& arguments) {
        arguments.self<HostShare>().give_back_ = arguments.get<GiveBackSlot>(1);
-     }>},
-    {"settle", body<[](const Python&, const Arguments& arguments) {
+       return Ref::none();
+     }},
+    {"settle",
+     [](const Python&, const Arguments& arguments) {
        arguments.self<HostShare>().settle(arguments.get<Optional>(1));
-     }>},
-    {"__enter__", body<[](const Python&, const Arguments& arguments) { return arguments.get(0); }>},
-    {"__exit__", body<[](const Python&, const Arguments& arguments) {
+       return Ref::none();
+     }},
+    {"__enter__", [](const Python&, const Arguments& arguments) { return arguments.get(0); }},
+    {"__exit__",
+     [](const Python&, const Arguments& arguments) {
        arguments.self<HostShare>().settle(Optional(Ref::none()));
-     }>},
+       return Ref::none();
+     }},
 };
 
 }  // namespace

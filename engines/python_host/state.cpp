@@ -10,7 +10,7 @@ void State::load(PyObject* loaded) {
   locks.load();
   threading = import("threading");
   round = attribute(import("builtins"), "round");
-  cost_decimals = Ref(6);
+  cost_decimals = Ref(decision_bounds::cost_decimals);
   for (std::size_t index = 0; index < names.size(); ++index) {
     names[index] = interned(name_texts[index]);
   }

@@ -41,6 +41,7 @@ inline constexpr std::array name_texts = {
     "warning",         "exc_info",        "stopping",
     "deadline",        "clock",
 };
+static_assert(name_texts.size() == static_cast<std::size_t>(Name::clock) + 1);
 
 struct State {
   PyObject* module = nullptr;   ///< Borrowed: the module owns its state.
@@ -64,10 +65,10 @@ struct State {
   void remember_share(const Ref& type);
   int traverse(visitproc visit, void* arg) const;
 
-  PyObject* name(Name name) const { return names[static_cast<std::size_t>(name)].get(); }
+  PyObject* name(Name looked_up) const { return names[static_cast<std::size_t>(looked_up)].get(); }
 
   /// What the module binds to a name at this moment; raises `NameError` where it binds nothing.
-  Ref global(Name name) const;
+  Ref global(Name looked_up) const;
 };
 
 }  // namespace decision_bounds::python

@@ -7,7 +7,8 @@
 namespace decision_bounds::python {
 
 void bind_errors(State* state);
-void bind_replies(State* state);  ///< `PaidReply`, `never`, `_nothing`
+void bind_paid_reply(State* state);
+void bind_stock_functions(State* state);
 void bind_share(State* state);
 void bind_held(State* state);
 void bind_wait(State* state);

@@ -1,3 +1,5 @@
+/// The function `_wait`.
+
 #include "decision_bounds/wait.hpp"
 #include "python_host/declaration.hpp"
 #include "python_host/surface.hpp"
@@ -20,12 +22,12 @@ def _wait(changed: threading.Condition, stopping: Callable[[], bool], *,
 }  // namespace
 
 void bind_wait(State* state) {
-  bind_function(state, declaration, body<[](const Python& host, const Arguments& arguments) {
-                  Condition changed = arguments.get<Condition>(0);
-                  decision_bounds::wait(changed, arguments.get<StopFunction>(1),
-                                        arguments.get<Optional>(2), arguments.get<Function>(3),
-                                        host);
-                }>);
+  bind_function(state, declaration, [](const Python& host, const Arguments& arguments) {
+    auto changed = arguments.get<Condition>(0);
+    decision_bounds::wait(changed, arguments.get<StopFunction>(1), arguments.get<Optional>(2),
+                          arguments.get<Function>(3), host);
+    return Ref::none();
+  });
 }
 
 }  // namespace decision_bounds::python

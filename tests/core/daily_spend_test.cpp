@@ -39,9 +39,9 @@ struct DailySpendTest : ::testing::Test, native::Log {
   bool stop = false;
   Scripted host;
   DailySpend<Scripted> account{
-      .cap_ = 1.0,
-      .today_ = [this] { return read_date(); },
-      .ledger_ = [this](const std::string& day) { return read_ledger(day); },
+      .cap = 1.0,
+      .today = [this] { return read_date(); },
+      .ledger = [this](const std::string& day) { return read_ledger(day); },
   };
   ScriptedCondition& changed = account.changed_;
 };
@@ -54,7 +54,7 @@ TEST_F(DailySpendTest, EachDateStartsOnceFromTheLedger) {
   date = "2024-02-28";
   EXPECT_EQ(spent(), 0.125) << "an earlier date starts anew as well";
   EXPECT_THAT(dates_read, ElementsAre("2024-02-29", "2024-02-28"));
-  account.ledger_ = nullptr;
+  account.ledger = nullptr;
   date = "2024-03-01";
   EXPECT_EQ(spent(), 0.0);
 }
@@ -70,16 +70,16 @@ TEST_F(DailySpendTest, ALedgerThatFailsIsLoggedAndCountsAsNothing) {
 }
 
 TEST_F(DailySpendTest, AnInterruptOfTheLedgerPassesAndStartsNoDay) {
-  const Scripted::Ledger readable = std::exchange(account.ledger_, interrupt);
+  const Scripted::Ledger readable = std::exchange(account.ledger, interrupt);
   EXPECT_THROW(admit(0.5), Interrupt);
   EXPECT_TRUE(idle());
-  account.ledger_ = readable;
+  account.ledger = readable;
   EXPECT_EQ(spent(), 0.5);
   EXPECT_THAT(warnings, ElementsAre());
 }
 
 TEST_F(DailySpendTest, ReachingTheCapRefusesAndWarnsOnceADay) {
-  account.cap_ = 5.0;
+  account.cap = 5.0;
   ledger = {{date, 5.00012}, {"2024-03-01", 5.0}};
   // A refused call is not asked what it may cost, nor looked at for a stop or its deadline.
   stop = true;
@@ -158,7 +158,7 @@ TEST_F(DailySpendTest, AFailureLeavesNothingHeld) {
     EXPECT_EQ(account.held_.holders, 1);
   }
   EXPECT_TRUE(idle());
-  account.today_ = no_date;
+  account.today = no_date;
   EXPECT_THROW(admit(0.5), Interrupt);
   EXPECT_THROW(account.charge({}, host), Interrupt);
   EXPECT_TRUE(idle());
@@ -171,7 +171,7 @@ TEST_F(DailySpendTest, AShareIsGivenBackAlsoWhereItsReplyCannotBeCounted) {
   EXPECT_EQ(changed.wake_alls, 1);
   EXPECT_TRUE(idle());
   HeldShare undated = admit(unknown);
-  account.today_ = no_date;
+  account.today = no_date;
   EXPECT_THROW(undated.settle({.cost = 0.5}), Interrupt);
   EXPECT_EQ(changed.wake_alls, 2);
   EXPECT_TRUE(idle());

@@ -52,7 +52,7 @@ TEST(Text, MillionthsRoundAsTheExactValueLies) {
                                              {4503599627370495.5, 4503599627370495.5},
                                              {unknown, unknown}};
   for (const auto& [value, rounded] : cases) {
-    EXPECT_EQ(rounded_to_millionths(value), rounded) << shortest_text(value);
+    EXPECT_EQ(decision_bounds::rounded(value, 6), rounded) << shortest_text(value);
   }
 }
 
@@ -62,7 +62,7 @@ TEST(Text, ALocaleWithADecimalCommaChangesNothing) {
   };
   const std::locale before = std::locale::global(std::locale(std::locale(), new Comma));
   EXPECT_EQ(shortest_text(0.5) + fixed_text(0.5, 2), "0.50.50");
-  EXPECT_EQ(rounded_to_millionths(1.1234564), 1.123456);
+  EXPECT_EQ(rounded(1.1234564, 6), 1.123456);
   std::locale::global(before);
 }
 

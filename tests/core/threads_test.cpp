@@ -31,7 +31,7 @@ TEST(Threads, TheDayStopsWithinOneCallOfItsCap) {
   } log;
   constexpr int dearest_64ths = 6;  // 64ths of a USD, whose sums are exact.
   constexpr int in_flight_when_full = 21;
-  DailySpend account{.cap_ = 2.0, .today_ = [] { return "2024-02-29"; }};
+  DailySpend account{.cap = 2.0, .today = [] { return "2024-02-29"; }};
   RequestRates rates;
   std::atomic<int> paid_64ths = 0;
   std::atomic<int> admitted = 0;

@@ -1,3 +1,5 @@
+/// `PaidReply`, the interface of the replies.
+
 #include "python_host/declaration.hpp"
 #include "python_host/surface.hpp"
 
@@ -22,22 +24,10 @@ class PaidReply(Protocol):
         """What the paid call cost, USD."""
 )"};
 
-constexpr Declaration never = {"never", R"(
-def never() -> bool:
-    """A stop that never comes."""
-)"};
-
-constexpr Declaration nothing = {"_nothing", R"(
-def _nothing(_reply: PaidReply | None) -> None:
-    """Give back a share of nothing."""
-)"};
-
 }  // namespace
 
-void bind_replies(State* state) {
+void bind_paid_reply(State* state) {
   bind_declared(state, paid_reply);
-  bind_function(state, never, [](const Python&, const Arguments&) { return Ref(false); });
-  bind_function(state, nothing, [](const Python&, const Arguments&) { return Ref::none(); });
 }
 
 }  // namespace decision_bounds::python

@@ -1,0 +1,52 @@
+/// The records that a bound owns, used directly where they are of exactly their type.
+
+#include "python_host/fields.hpp"
+#include "python_host/instance.hpp"
+#include "python_host/python.hpp"
+
+namespace decision_bounds::python {
+
+bool HeldRecord::admits(const Ref& share, const Ref& used, const Ref& limit) const {
+  const Ref record = value_of(*this);
+  if (const Held<Python>* held = exact_bound<Held<Python>>(record)) {
+    return held->admits(share, used, limit);
+  }
+  return truth(call_method("admits", record, share, used, limit));
+}
+
+void HeldRecord::take_or_nothing(const Ref& share) const {
+  const Ref record = value_of(*this);
+  if (Held<Python>* held = exact_bound<Held<Python>>(record)) {
+    held->take_or_nothing(share);
+  } else {
+    call_method("take", record, share);
+  }
+}
+
+void HeldRecord::give_back(const Ref& share) const {
+  const Ref record = value_of(*this);
+  if (Held<Python>* held = exact_bound<Held<Python>>(record)) {
+    held->give_back(share);
+  } else {
+    call_method("give_back", record, share);
+  }
+}
+
+Ref ChargesRecord::bound(const Ref& size) const {
+  const Ref record = value_of(*this);
+  if (const Charges<Python>* charges = exact_bound<Charges<Python>>(record)) {
+    return charges->bound(size);
+  }
+  return call_method("bound", record, size);
+}
+
+void ChargesRecord::learn(const Ref& size, const Ref& charge) const {
+  const Ref record = value_of(*this);
+  if (Charges<Python>* charges = exact_bound<Charges<Python>>(record)) {
+    charges->learn(size, charge);
+  } else {
+    call_method("learn", record, size, charge);
+  }
+}
+
+}  // namespace decision_bounds::python
