@@ -14,7 +14,7 @@
 namespace decision_bounds {
 
 template <typename H>
-struct RunBudget;
+struct RunBudget;  // a stop function, and a share, are made of a bound
 
 /// The numbers: integers (`Count`), floating-point numbers (`Amount`) and truth values (`Flag`).
 template <typename H>
@@ -26,18 +26,37 @@ concept HostNumbers = requires(typename H::Count count, typename H::Amount amoun
   { count + 1 } -> std::convertible_to<typename H::Count>;
   { count - 1 } -> std::convertible_to<typename H::Count>;
   { count >= count } -> std::same_as<bool>;
+  { count >= 1 } -> std::same_as<bool>;
   { amount + amount } -> std::convertible_to<typename H::Amount>;
   { amount - amount } -> std::convertible_to<typename H::Amount>;
-  // clang-format off
-  { amount * amount } -> std::convertible_to<typename H::Amount>;
+  // clang-format off: it takes the product for a declaration
+  { amount* amount } -> std::convertible_to<typename H::Amount>;
   // clang-format on
   { amount / amount } -> std::convertible_to<typename H::Amount>;
   { amount < amount } -> std::same_as<bool>;
   { amount > amount } -> std::same_as<bool>;
+  { amount <= 0 } -> std::same_as<bool>;
   { H::amount(count) } -> std::convertible_to<typename H::Amount>;
   { H::truth(count) } -> std::same_as<bool>;
   { H::truth(flag) } -> std::same_as<bool>;
   { H::is_infinite(amount) } -> std::same_as<bool>;
+};
+
+/// The records and the set that a bound owns: the tally of what is held, the dearest charges, and
+/// the features that have had a reply.
+template <typename H>
+concept HostRecords = requires(typename H::HeldRecord& held, typename H::ChargesRecord& charges,
+                               typename H::Features& features, typename H::Amount amount,
+                               typename H::Count size, typename H::Text feature) {
+  { held.admits(amount, amount, amount) } -> std::same_as<bool>;
+  held.take_or_nothing(amount);
+  held.give_back(amount);
+  { charges.bound(size) } -> std::convertible_to<typename H::Amount>;
+  charges.learn(size, amount);
+  { features.contains(feature) } -> std::same_as<bool>;
+  { features.empty() } -> std::same_as<bool>;
+  features.insert(feature);
+  { feature != feature } -> std::same_as<bool>;
 };
 
 /// The functions that callers hand in, and the replies. A `MaybeReply`, a `Ledger`, a `Deadline`
@@ -62,7 +81,7 @@ concept HostCallbacks = requires(const H& host, const typename H::StopFunction& 
 };
 
 /// Locks and waiting. `locked(lock, block)` runs the block with the lock held, gives the lock up
-/// however the block ends, and answers what the block answers. A condition's lock is reentrant, and
+/// however the block ends, and returns what the block returns. A condition's lock is reentrant, and
 /// `wait` on a condition (wait.hpp) gives it up wholly while it sleeps.
 template <typename H>
 concept HostThreads = requires(const H& host, typename H::Condition& changed,
@@ -77,7 +96,7 @@ concept HostThreads = requires(const H& host, typename H::Condition& changed,
   changed.wait(host.poll_s());
 };
 
-/// Failures and texts. `on_failure(block, undo)` answers what the block answers; where the block
+/// Failures and texts. `on_failure(block, undo)` returns what the block returns; where the block
 /// fails, it runs `undo` and the failure goes on. `attempt(block, failed)` ends an ordinary
 /// failure of the block in `failed(error)`.
 template <typename H>
@@ -94,7 +113,7 @@ concept HostErrors = requires(const H& host, void (*block)(), void (*failed)(...
   host.warn(messages::cap_warning, amount, amount);
 };
 
-/// Shares. `make_share(bound, amount)` answers one whose give-back function calls `give_back` of
+/// Shares. `make_share(bound, amount)` returns one whose give-back function calls `give_back` of
 /// the bound with the amount and the reply.
 template <typename H>
 concept HostShares = requires(const H& host, RunBudget<H>& budget, typename H::Amount amount) {
@@ -102,7 +121,7 @@ concept HostShares = requires(const H& host, RunBudget<H>& budget, typename H::A
 };
 
 template <typename H>
-concept Host =
-    HostNumbers<H> && HostCallbacks<H> && HostThreads<H> && HostErrors<H> && HostShares<H>;
+concept Host = HostNumbers<H> && HostRecords<H> && HostCallbacks<H> && HostThreads<H> &&
+    HostErrors<H> && HostShares<H>;
 
 }  // namespace decision_bounds

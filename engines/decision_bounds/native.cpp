@@ -41,9 +41,7 @@ std::string Summary::text() const {
   return text + "}";
 }
 
-double Native::rounded(double cost) {
-  return decision_bounds::rounded(cost, cost_decimals);
-}
+double Native::rounded(double cost) { return decision_bounds::rounded(cost, cost_decimals); }
 
 void Native::wait(Condition& changed, const StopFunction& stopping, const Deadline& deadline,
                   const Clock& clock) const {

@@ -72,7 +72,7 @@ struct RunBudget {
     });
   }
 
-  /// As `reserve`; answers the share that gives slot and tokens back exactly once.
+  /// As `reserve`; returns the share that gives slot and tokens back exactly once.
   typename H::HeldShare hold(const Amount& tokens, const H& host = {}) {
     reserve(tokens, host);
     return H::on_failure([&] { return host.make_share(*this, tokens); },

@@ -12,7 +12,7 @@
 
 namespace decision_bounds::python {
 
-/// Calls `function` with so many arguments and answers a new reference. Counts one level of
+/// Calls `function` with so many arguments and returns a new reference. Counts one level of
 /// recursion: a share that settles a share that settles a share, and so on, ends in the
 /// interpreter's `RecursionError` and not in an overflow of the stack.
 Ref call_counted(PyObject* function, PyObject** arguments, std::size_t count,

@@ -32,7 +32,7 @@ class DailySpend:
                  ledger: Callable[[str], float] | None) -> None:
         """Bound each day by ``cap`` USD.
 
-        ``today()`` answers today's UTC date (``YYYY-MM-DD``), ``ledger(date)`` what was paid since
+        ``today()`` returns today's UTC date (``YYYY-MM-DD``), ``ledger(date)`` what was paid since
         that date (USD; None: nothing). Both are asked with the lock held, the ledger once for each
         date, and must not use this object. A ledger that fails is logged and counts as 0.
         """
@@ -44,7 +44,7 @@ class DailySpend:
               clock: Callable[[], float], stopping: Callable[[], bool]) -> Share:
         """Admit a call that may cost ``bound()`` USD, or wait while calls in flight hold the rest.
 
-        ``bound`` is asked again after each wait; it answers infinity where the cost is not known.
+        ``bound`` is asked again after each wait; it returns infinity where the cost is not known.
         Raises ``DecisionBudgetExceeded`` where today's settled calls have reached the cap (logged
         once a day) and, only while it waits, ``DecisionStopped`` where ``stopping()`` says so and
         ``DecisionTimeout`` where ``clock()`` has reached ``deadline`` (seconds; None: no limit).

@@ -7,7 +7,7 @@ namespace decision_bounds::python {
 namespace {
 
 /// Executes a declaration with the module as its globals, so that this is where the host looks its
-/// names up, and answers the class or function that it declares.
+/// names up, and returns the class or function that it declares.
 Ref declare(State* state, const Declaration& declaration) {
   // Declared types stay texts, as `from __future__ import annotations` has it.
   PyCompilerFlags flags{};

@@ -32,7 +32,7 @@ struct Declaration {
   const char* text;  ///< Its functions have no body but their documentation.
 };
 
-/// Executes the declaration in the module, binds what it declares there as it is, and answers it.
+/// Executes the declaration in the module, binds what it declares there as it is, and returns it.
 Ref bind_declared(State* state, const Declaration& declaration);
 
 /// Binds the function that is declared, with this body.

@@ -10,9 +10,7 @@ Failure Failure::take() {
   return failure;
 }
 
-void Failure::restore() {
-  PyErr_SetRaisedException(exception_.release());
-}
+void Failure::restore() { PyErr_SetRaisedException(exception_.release()); }
 
 #else
 

@@ -27,7 +27,7 @@ class Failure {
   Ref exception_;
 };
 
-/// Answers what the block answers; where the block fails, runs `undo`, and the failure goes on.
+/// Returns what the block returns; where the block fails, runs `undo`, and the failure goes on.
 auto on_failure(const auto& block, const auto& undo) {
   try {
     return block();

@@ -30,7 +30,7 @@ struct Function : Optional {
   }
 };
 
-/// A function that answers true where a pass was asked to stop.
+/// A function that returns true where a pass was asked to stop.
 struct StopFunction : Ref {
   StopFunction() = default;
   explicit StopFunction(Ref ref) : Ref(std::move(ref)) {}

@@ -9,10 +9,8 @@ namespace decision_bounds::python {
 namespace {
 
 struct GiveBack {
-  // clang-format off
   PyObject_HEAD
   vectorcallfunc vectorcall;
-  // clang-format on
   State* state;
   EndCall end_call;
   PyObject* module;  ///< Keeps the state.
@@ -20,9 +18,7 @@ struct GiveBack {
   PyObject* amount;
 };
 
-GiveBack* give_back_of(PyObject* object) {
-  return reinterpret_cast<GiveBack*>(object);
-}
+GiveBack* give_back_of(PyObject* object) { return reinterpret_cast<GiveBack*>(object); }
 
 int traverse(PyObject* object, visitproc visit, void* arg) {
   GiveBack* self = give_back_of(object);
@@ -44,7 +40,8 @@ int clear(PyObject* object) {
 void dealloc(PyObject* object) {
   PyTypeObject* type = Py_TYPE(object);
   PyObject_GC_UnTrack(object);
-  Py_TRASHCAN_BEGIN(object, dealloc) clear(object);
+  Py_TRASHCAN_BEGIN(object, dealloc)
+  clear(object);
   Py_CLEAR(give_back_of(object)->module);
   type->tp_free(object);
   Py_DECREF(type);

@@ -7,7 +7,7 @@ namespace decision_bounds::python {
 /// Never returns.
 [[noreturn]] void sleep_for_good();
 
-/// Makes a call into the interpreter and answers what it answers.
+/// Makes a call into the interpreter and returns what it returns.
 ///
 /// Up to CPython 3.13 an interpreter that exits ends its daemon threads where they wait for its
 /// lock, by unwinding their stacks. The destructors of this side would then drop references without

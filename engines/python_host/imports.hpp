@@ -6,16 +6,12 @@
 
 namespace decision_bounds::python {
 
-inline Ref import(const char* module) {
-  return Ref::checked(PyImport_ImportModule(module));
-}
+inline Ref import(const char* module) { return Ref::checked(PyImport_ImportModule(module)); }
 
 inline Ref attribute(const Ref& object, const char* name) {
   return Ref::checked(PyObject_GetAttrString(object.get(), name));
 }
 
-inline Ref interned(const char* text) {
-  return Ref::checked(PyUnicode_InternFromString(text));
-}
+inline Ref interned(const char* text) { return Ref::checked(PyUnicode_InternFromString(text)); }
 
 }  // namespace decision_bounds::python

@@ -17,10 +17,8 @@ template <typename Bound>
 struct Instance {
   static_assert(sizeof(Ref) == sizeof(PyObject*) && sizeof(Bound) % sizeof(Ref) == 0);
 
-  // clang-format off
   PyObject_HEAD
   Bound bound;
-  // clang-format on
   PyObject* dict;  ///< Further attributes.
   PyObject* weak_references;
 
@@ -60,7 +58,8 @@ struct Instance {
   static void dealloc(PyObject* object) {
     PyTypeObject* type = Py_TYPE(object);
     PyObject_GC_UnTrack(object);
-    Py_TRASHCAN_BEGIN(object, dealloc) if (of(object)->weak_references != nullptr) {
+    Py_TRASHCAN_BEGIN(object, dealloc)
+    if (of(object)->weak_references != nullptr) {
       PyObject_ClearWeakRefs(object);
     }
     clear(object);

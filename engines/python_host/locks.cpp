@@ -11,9 +11,7 @@ namespace decision_bounds::python {
 
 namespace {
 
-PyTypeObject* type_of(const Ref& type) {
-  return reinterpret_cast<PyTypeObject*>(type.get());
-}
+PyTypeObject* type_of(const Ref& type) { return reinterpret_cast<PyTypeObject*>(type.get()); }
 
 /// A special method of an object, looked up on its type and bound, as the `with` statement does.
 Ref special_method(const Ref& object, const char* name) {
@@ -58,9 +56,7 @@ LockType LockType::of(const Ref& lock) {
   return found;
 }
 
-bool LockType::is_type_of(const Ref& lock) const {
-  return Py_TYPE(lock.get()) == type_of(type);
-}
+bool LockType::is_type_of(const Ref& lock) const { return Py_TYPE(lock.get()) == type_of(type); }
 
 void Entered::leave() {
   left_ = true;

@@ -29,7 +29,7 @@ class Entered {
   void leave();
   bool is_left() const { return left_; }
 
-  /// Leaves where the block's error is set. Answers whether the lock has swallowed the error, as an
+  /// Leaves where the block's error is set. Returns whether the lock has swallowed the error, as an
   /// `__exit__` may; then none is set.
   bool leave_failed();
 

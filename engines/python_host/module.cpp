@@ -16,9 +16,7 @@ namespace decision_bounds::python {
 
 namespace {
 
-State* state_of(PyObject* module) {
-  return static_cast<State*>(PyModule_GetState(module));
-}
+State* state_of(PyObject* module) { return static_cast<State*>(PyModule_GetState(module)); }
 
 void bind(PyObject* module, const char* name, const Ref& value) {
   check(PyObject_SetAttrString(module, name, value.get()));

@@ -14,9 +14,7 @@ namespace decision_bounds::python {
 // The product of two small ints of the older versions has 60 bits.
 static_assert(sizeof(long) == 8);
 
-inline bool is_float(PyObject* object) {
-  return object != nullptr && PyFloat_CheckExact(object);
-}
+inline bool is_float(PyObject* object) { return object != nullptr && PyFloat_CheckExact(object); }
 
 /// Whether the object is an exact int of one machine digit at most, which a double holds exactly.
 inline bool is_small_int(PyObject* object) {
@@ -132,12 +130,8 @@ inline bool operator>=(const Ref& left, const Ref& right) {
 inline bool operator<=(const Ref& left, int right) {
   return comparison(left, Ref(right), std::less_equal<>(), Py_LE);
 }
-inline bool operator>=(const Ref& left, int right) {
-  return left >= Ref(right);
-}
-inline bool operator!=(const Ref& left, const Ref& right) {
-  return compare(left, right, Py_NE);
-}
+inline bool operator>=(const Ref& left, int right) { return left >= Ref(right); }
+inline bool operator!=(const Ref& left, const Ref& right) { return compare(left, right, Py_NE); }
 
 inline bool truth(const Ref& value) {
   if (value.get() == Py_True || value.get() == Py_False) {

@@ -13,10 +13,8 @@ namespace {
 constexpr Py_ssize_t most_parameters = 6;
 
 struct Operation {
-  // clang-format off
   PyObject_HEAD
   vectorcallfunc vectorcall;
-  // clang-format on
   State* state;
   Body body;
   PyObject* module;            ///< Keeps the state.
@@ -31,9 +29,7 @@ struct Operation {
   PyObject* weak_references;
 };
 
-Operation* operation_of(PyObject* object) {
-  return reinterpret_cast<Operation*>(object);
-}
+Operation* operation_of(PyObject* object) { return reinterpret_cast<Operation*>(object); }
 
 int traverse(PyObject* object, visitproc visit, void* arg) {
   Operation* self = operation_of(object);
@@ -94,7 +90,7 @@ PyObject* default_of(const Operation& self, Py_ssize_t parameter) {
   return index < 0 ? nullptr : PyTuple_GET_ITEM(self.defaults, index);
 }
 
-/// Puts the arguments of a call in the order of the parameters. Answers false where they do not
+/// Puts the arguments of a call in the order of the parameters. Returns false where they do not
 /// fit.
 bool bind(const Operation& self, PyObject* const* arguments, Py_ssize_t given, PyObject* keywords,
           PyObject** places) {
@@ -162,7 +158,7 @@ PyObject* reduce(PyObject* object, PyObject* /*none*/) {
   return PyObject_GetAttrString(operation_of(object)->declared, "__qualname__");
 }
 
-/// What the declared function answers to the attribute that the closure names.
+/// The attribute of the declared function that the closure names.
 PyObject* declared_attribute(PyObject* object, void* name) {
   return PyObject_GetAttrString(operation_of(object)->declared, static_cast<const char*>(name));
 }

@@ -89,9 +89,8 @@ inline constexpr Body method = [](const Python& host, const Arguments& arguments
 /// Makes the type of the operations; it is not bound to any name.
 Ref make_operation_type(PyObject* module);
 
-/// A callable with this body that answers for everything else (name, parameters, defaults,
-/// declared types, documentation) as `declared` does, a function of the host's language. It keeps
-/// the module.
+/// A callable with this body. Its name, parameters, defaults, declared types and documentation are
+/// those of `declared`, a function of the host's language. It keeps the module.
 Ref make_operation(State* state, const Ref& declared, Body body);
 
 }  // namespace decision_bounds::python

@@ -26,8 +26,6 @@ class PaidReply(Protocol):
 
 }  // namespace
 
-void bind_paid_reply(State* state) {
-  bind_declared(state, paid_reply);
-}
+void bind_paid_reply(State* state) { bind_declared(state, paid_reply); }
 
 }  // namespace decision_bounds::python

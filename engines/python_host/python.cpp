@@ -36,9 +36,7 @@ Name name_of(Refusal refusal) {
   }
 }
 
-Ref text_of(const char* text) {
-  return Ref::checked(PyUnicode_FromString(text));
-}
+Ref text_of(const char* text) { return Ref::checked(PyUnicode_FromString(text)); }
 
 }  // namespace
 

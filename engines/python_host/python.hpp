@@ -64,7 +64,7 @@ struct Python {
   }
   Ref cost(const Ref& reply) const { return property(reply, state->name(Name::cost)); }
 
-  /// Runs the block as a `with` statement of the lock does. Answers nothing where the lock swallows
+  /// Runs the block as a `with` statement of the lock does. Returns nothing where the lock swallows
   /// the block's error.
   auto locked(const Ref& lock, const auto& block) const -> decltype(block());
   void notify_all(const Ref& changed) const { state->locks.notify_all(changed); }
