@@ -18,15 +18,13 @@ struct Charges {
 
   /// The most that a request of `size` bytes may come to: no less than the dearest charge, and for
   /// a request larger than those seen, its size at the dearest rate per byte.
-  Amount bound(const Count& size) const {
-    return larger(Amount(per_byte * H::amount(size)), per_call);
-  }
+  Amount bound(const Count& size) const { return larger(per_byte * H::amount(size), per_call); }
 
   /// Takes in what the reply to a request of `size` bytes came to. A request of less than one byte
   /// counts as one byte. A charge that is not a number changes nothing.
   void learn(const Count& size, const Amount& charge) {
     const Count divisor = size >= 1 ? size : Count(1);
-    per_byte = larger(per_byte, Amount(charge / H::amount(divisor)));
+    per_byte = larger(per_byte, charge / H::amount(divisor));
     per_call = larger(per_call, charge);
   }
 };

@@ -49,11 +49,11 @@ struct Held {
 
   /// Removes the share that an ending call took. No field goes below zero.
   void give_back(const Amount& share) {
-    holders = larger(Count(0), Count(holders - 1));
+    holders = larger(0, holders - 1);
     if (H::is_infinite(share)) {
-      unbounded = larger(Count(0), Count(unbounded - 1));
+      unbounded = larger(0, unbounded - 1);
     } else {
-      amount = larger(Amount(0.0), Amount(amount - share));
+      amount = larger(0.0, amount - share);
     }
     if (!H::truth(holders)) {
       // The last one out takes along what the subtractions of rounded numbers have left.

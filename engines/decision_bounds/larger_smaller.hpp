@@ -5,8 +5,8 @@
 namespace decision_bounds {
 
 /// `second` where it is strictly greater, otherwise `first` (also where either is not a number).
-template <typename Number>
-Number larger(Number first, Number second) {
+template <typename First, typename Second>
+auto larger(const First& first, const Second& second) -> decltype(first - second) {
   if (second > first) {
     return second;
   }
@@ -14,8 +14,8 @@ Number larger(Number first, Number second) {
 }
 
 /// `second` where it is strictly less, otherwise `first` (also where either is not a number).
-template <typename Number>
-Number smaller(Number first, Number second) {
+template <typename First, typename Second>
+auto smaller(const First& first, const Second& second) -> decltype(first - second) {
   if (second < first) {
     return second;
   }

@@ -135,7 +135,7 @@ struct RunBudget {
   }
 
   void give_back_locked(const Amount& tokens) {
-    in_flight = larger(Count(0), Count(in_flight - 1));
+    in_flight = larger(0, in_flight - 1);
     held_tokens_.give_back(tokens);
   }
 };

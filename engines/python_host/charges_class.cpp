@@ -13,9 +13,11 @@ namespace {
 using HostCharges = Charges<Python>;
 
 constexpr Field fields[] = {
-    {"per_byte", offsetof(HostCharges, per_byte)},
-    {"per_call", offsetof(HostCharges, per_call)},
+    BOUND_FIELD("per_byte", HostCharges, per_byte),
+    BOUND_FIELD("per_call", HostCharges, per_call),
 };
+
+constinit auto attributes = attributes_of<HostCharges>(fields);
 
 constexpr Declaration declaration = {"_Charges", R"(
 class _Charges:
@@ -41,10 +43,13 @@ constexpr Definition operations[] = {
 
 }  // namespace
 
+template <>
+const std::span<const Field> fields_of<HostCharges> = fields;
+
 void bind_charges(State* state) {
   bind_class(state, declaration,
-             make_type<HostCharges>(state->module, "decision_bounds._Charges", fields), fields,
-             operations);
+             make_type<HostCharges>(state->module, "decision_bounds._Charges", attributes.data()),
+             fields, operations);
 }
 
 }  // namespace decision_bounds::python

@@ -14,11 +14,13 @@ namespace {
 using HostSpend = DailySpend<Python>;
 
 constexpr Field fields[] = {
-    {"_cap", offsetof(HostSpend, cap)},       {"_today", offsetof(HostSpend, today)},
-    {"_ledger", offsetof(HostSpend, ledger)}, {"_changed", offsetof(HostSpend, changed_)},
-    {"_held", offsetof(HostSpend, held_)},    {"_day", offsetof(HostSpend, day_)},
-    {"_cost", offsetof(HostSpend, cost_)},    {"_capped", offsetof(HostSpend, capped_)},
+    BOUND_FIELD("_cap", HostSpend, cap),       BOUND_FIELD("_today", HostSpend, today),
+    BOUND_FIELD("_ledger", HostSpend, ledger), BOUND_FIELD("_changed", HostSpend, changed_),
+    BOUND_FIELD("_held", HostSpend, held_),    BOUND_FIELD("_day", HostSpend, day_),
+    BOUND_FIELD("_cost", HostSpend, cost_),    BOUND_FIELD("_capped", HostSpend, capped_),
 };
+
+constinit auto attributes = attributes_of<HostSpend>(fields);
 
 constexpr Declaration declaration = {"DailySpend", R"(
 class DailySpend:
@@ -72,13 +74,13 @@ constexpr Definition operations[] = {
     {"__init__",
      [](const Python& host, const Arguments& arguments) {
        auto& spend = arguments.self<HostSpend>();
-       spend.cap = arguments.get(1);
+       spend.cap = arguments.get<Number>(1);
        spend.today = arguments.get<Function>(2);
        spend.ledger = arguments.get<Function>(3);
        spend.changed_ = Condition(call_method("Condition", host.state->threading));
        spend.held_ = HeldRecord(call(host.state->global(Name::held)));
        spend.day_ = interned("");
-       spend.cost_ = Ref(0.0);
+       spend.cost_ = 0.0;
        spend.capped_ = Ref(false);
        return Ref::none();
      }},
@@ -92,10 +94,13 @@ constexpr Definition operations[] = {
 
 }  // namespace
 
+template <>
+const std::span<const Field> fields_of<HostSpend> = fields;
+
 void bind_daily_spend(State* state) {
   bind_class(state, declaration,
-             make_type<HostSpend>(state->module, "decision_bounds.DailySpend", fields), fields,
-             operations);
+             make_type<HostSpend>(state->module, "decision_bounds.DailySpend", attributes.data()),
+             fields, operations);
 }
 
 }  // namespace decision_bounds::python

@@ -36,16 +36,15 @@ Ref own_attribute(const Ref& type, const char* name) {
 }
 
 /// Has the host's record facility derive constructor, text form, equality and the rest from the
-/// declared fields. It reads the defaults from the names of the fields, which the descriptors of
+/// declared fields. It reads the defaults under the names of the fields, which the attributes of
 /// the storage leave to them meanwhile.
 void make_record(const Ref& type, const Ref& declared, std::span<const Field> fields) {
   const Ref descriptors = Ref::checked(PyDict_New());
   for (const Field& field : fields) {
     check(
         PyDict_SetItemString(descriptors.get(), field.name, own_attribute(type, field.name).get()));
-    if (const Ref value = own_attribute(declared, field.name); value.get() != nullptr) {
-      set(type, field.name, value);
-    }
+    const Ref value = own_attribute(declared, field.name);
+    check(PyObject_SetAttrString(type.get(), field.name, value.get()));  // without one, deletes
   }
   set(type, "__annotations__", attribute(declared, "__annotations__"));
   call_method("dataclass", import("dataclasses"), type);
@@ -71,13 +70,6 @@ void bind_class(State* state, const Declaration& declaration, const Ref& type,
   const Ref declared = declare(state, declaration);
   set(type, "__module__", attribute(declared, "__module__"));
   set(type, "__doc__", attribute(declared, "__doc__"));
-  // Says to `copy` and `pickle` what an object keeps beside its dictionary.
-  const Ref slots = Ref::checked(PyTuple_New(static_cast<Py_ssize_t>(fields.size())));
-  for (std::size_t index = 0; index < fields.size(); ++index) {
-    PyTuple_SET_ITEM(slots.get(), static_cast<Py_ssize_t>(index),
-                     interned(fields[index].name).release());
-  }
-  set(type, "__slots__", slots);
   for (const Definition& operation : operations) {
     set(type, operation.name,
         make_operation(state, own_attribute(declared, operation.name), operation.body));

@@ -70,9 +70,9 @@ struct HeldRecord : Ref {
   HeldRecord() = default;
   explicit HeldRecord(Ref ref) : Ref(std::move(ref)) {}
 
-  bool admits(const Ref& share, const Ref& used, const Ref& limit) const;
-  void take_or_nothing(const Ref& share) const;
-  void give_back(const Ref& share) const;
+  bool admits(const Number& share, const Number& used, const Number& limit) const;
+  void take_or_nothing(const Number& share) const;
+  void give_back(const Number& share) const;
 };
 
 /// A `_Charges` record, used in the same way.
@@ -80,8 +80,8 @@ struct ChargesRecord : Ref {
   ChargesRecord() = default;
   explicit ChargesRecord(Ref ref) : Ref(std::move(ref)) {}
 
-  Ref bound(const Ref& size) const;
-  void learn(const Ref& size, const Ref& charge) const;
+  Number bound(const Number& size) const;
+  void learn(const Number& size, const Number& charge) const;
 };
 
 }  // namespace decision_bounds::python

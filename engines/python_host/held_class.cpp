@@ -13,10 +13,12 @@ namespace {
 using HostHeld = Held<Python>;
 
 constexpr Field fields[] = {
-    {"holders", offsetof(HostHeld, holders)},
-    {"amount", offsetof(HostHeld, amount)},
-    {"unbounded", offsetof(HostHeld, unbounded)},
+    BOUND_FIELD("holders", HostHeld, holders),
+    BOUND_FIELD("amount", HostHeld, amount),
+    BOUND_FIELD("unbounded", HostHeld, unbounded),
 };
+
+constinit auto attributes = attributes_of<HostHeld>(fields);
 
 constexpr Declaration declaration = {"_Held", R"(
 class _Held:
@@ -48,9 +50,12 @@ constexpr Definition operations[] = {
 
 }  // namespace
 
+template <>
+const std::span<const Field> fields_of<HostHeld> = fields;
+
 void bind_held(State* state) {
   bind_class(state, declaration,
-             make_type<HostHeld>(state->module, "decision_bounds._Held", fields), fields,
+             make_type<HostHeld>(state->module, "decision_bounds._Held", attributes.data()), fields,
              operations);
 }
 

@@ -3,43 +3,47 @@
 /// The objects of the module's classes: a bound, and what every object of the host has.
 
 #include <cstddef>
-#include <new>
+#include <span>
 
+#include "python_host/numbers.hpp"
 #include "python_host/ref.hpp"
 
 namespace decision_bounds::python {
 
-/// A bound's fields are references, one after the other, and nothing else.
+/// A field of a bound, and the attribute that it is.
+struct Field {
+  enum class Kind { object, number };
+
+  const char* name;
+  std::size_t offset;  ///< In the bound.
+  Kind kind = Kind::object;
+};
+
+/// The fields of a bound, all of them, in the order of the constructor. Defined beside its class.
 template <typename Bound>
-inline constexpr std::size_t field_count = sizeof(Bound) / sizeof(PyObject*);
+extern const std::span<const Field> fields_of;
 
 template <typename Bound>
 struct Instance {
-  static_assert(sizeof(Ref) == sizeof(PyObject*) && sizeof(Bound) % sizeof(Ref) == 0);
-
   PyObject_HEAD
   Bound bound;
   PyObject* dict;  ///< Further attributes.
   PyObject* weak_references;
 
   static Instance* of(PyObject* object) { return reinterpret_cast<Instance*>(object); }
-  PyObject** fields() { return reinterpret_cast<PyObject**>(&bound); }
 
-  /// No field is set before the constructor has run.
-  static PyObject* make(PyTypeObject* type, PyObject* /*arguments*/, PyObject* /*keywords*/) {
-    PyObject* object = type->tp_alloc(type, 0);
-    if (object != nullptr) {
-      new (&of(object)->bound) Bound{};
-    }
-    return object;
-  }
+  void* place_of(const Field& field) { return reinterpret_cast<char*>(&bound) + field.offset; }
+  Number& number_in(const Field& field) { return *static_cast<Number*>(place_of(field)); }
+  Ref& reference_in(const Field& field) { return *static_cast<Ref*>(place_of(field)); }
+  /// The object that a field holds, if any: the first thing in a number as in a reference.
+  PyObject*& object_in(const Field& field) { return *static_cast<PyObject**>(place_of(field)); }
 
   static int traverse(PyObject* object, visitproc visit, void* arg) {
     Instance* self = of(object);
     Py_VISIT(Py_TYPE(object));
     Py_VISIT(self->dict);
-    for (std::size_t index = 0; index < field_count<Bound>; ++index) {
-      Py_VISIT(self->fields()[index]);
+    for (const Field& field : fields_of<Bound>) {
+      Py_VISIT(self->object_in(field));
     }
     return 0;
   }
@@ -47,8 +51,8 @@ struct Instance {
   static int clear(PyObject* object) {
     Instance* self = of(object);
     Py_CLEAR(self->dict);
-    for (std::size_t index = 0; index < field_count<Bound>; ++index) {
-      Py_CLEAR(self->fields()[index]);
+    for (const Field& field : fields_of<Bound>) {
+      Py_CLEAR(self->object_in(field));
     }
     return 0;
   }
@@ -67,12 +71,6 @@ struct Instance {
     Py_DECREF(type);
     Py_TRASHCAN_END
   }
-};
-
-/// The attribute `__dict__` of every class; the types point at it.
-inline PyGetSetDef dict_attribute[] = {
-    {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
-    {nullptr, nullptr, nullptr, nullptr, nullptr},
 };
 
 /// Whether objects of `type`, and of no subclass of it, are instances of `Bound`. A subclass has a

@@ -10,21 +10,34 @@ Ref value_of(const Ref& field) {
   return field;
 }
 
-Ref operate(binaryfunc operation, const Ref& left, const Ref& right) {
-  const Ref first = value_of(left);
-  const Ref second = value_of(right);
-  return Ref::checked(host_call([&] { return operation(first.get(), second.get()); }));
+Number::operator Ref() const {
+  switch (object_.get() != nullptr ? Kind::other : kind_) {
+    case Kind::integer:
+      return Ref::checked(PyLong_FromLong(integer_));
+    case Kind::floating:
+      return Ref(floating_);
+    default:
+      return value_of(object_);
+  }
+}
+
+PyObject* Number::kept_object() {
+  object_ = *this;
+  return object_.get();
+}
+
+Number operate(binaryfunc operation, const Ref& left, const Ref& right) {
+  return Ref::checked(host_call([&] { return operation(left.get(), right.get()); }));
 }
 
 bool compare(const Ref& left, const Ref& right, int operation) {
   const Ref first = value_of(left);
   const Ref second = value_of(right);
-  const Ref answer = Ref::checked(
-      host_call([&] { return PyObject_RichCompare(first.get(), second.get(), operation); }));
-  return truth(answer);
+  return truth(Ref::checked(
+      host_call([&] { return PyObject_RichCompare(first.get(), second.get(), operation); })));
 }
 
-bool truth_of_any(const Ref& value) {
+bool truth(const Ref& value) {
   const Ref asked = value_of(value);
   const int answer = host_call([&] { return PyObject_IsTrue(asked.get()); });
   check(answer);
@@ -32,8 +45,7 @@ bool truth_of_any(const Ref& value) {
 }
 
 double as_double(const Ref& value) {
-  const Ref asked = value_of(value);
-  const double number = host_call([&] { return PyFloat_AsDouble(asked.get()); });
+  const double number = host_call([&] { return PyFloat_AsDouble(value.get()); });
   if (number == -1.0 && PyErr_Occurred() != nullptr) {
     throw Raised{};
   }

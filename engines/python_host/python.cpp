@@ -64,8 +64,8 @@ Ref Python::share_of(Ref give_back) const {
     return call(type, give_back);
   }
   using ShareInstance = Instance<Share<GiveBackSlot>>;
-  Ref share = Ref::checked(
-      host_call([&] { return ShareInstance::make(state->share_type, nullptr, nullptr); }));
+  Ref share =
+      Ref::checked(host_call([&] { return state->share_type->tp_alloc(state->share_type, 0); }));
   ShareInstance::of(share.get())->bound.give_back_ = GiveBackSlot(std::move(give_back));
   return share;
 }

@@ -25,8 +25,8 @@ namespace decision_bounds::python {
 
 /// The host of the interpreter. Every operation runs with the interpreter's own lock held.
 struct Python {
-  using Count = Ref;
-  using Amount = Ref;
+  using Count = Number;
+  using Amount = Number;
   using Flag = Ref;
   using Text = Ref;
   using Reply = const Ref&;
@@ -48,21 +48,22 @@ struct Python {
 
   State* state = nullptr;
 
-  static const Ref& amount(const Ref& number) { return number; }
+  static const Number& amount(const Number& number) { return number; }
+  static bool truth(const Number& value) { return python::truth(value); }
   static bool truth(const Ref& value) { return python::truth(value); }
-  static bool is_infinite(const Ref& number) { return python::is_infinite(number); }
+  static bool is_infinite(const Number& number) { return python::is_infinite(number); }
   /// The host's `float()`, which reads text as well.
-  static Ref to_amount(const Ref& answer) {
+  static Number to_amount(const Ref& answer) {
     return Ref::checked(host_call([&] { return PyNumber_Float(answer.get()); }));
   }
-  Ref rounded(const Ref& cost) const { return call(state->round, cost, state->cost_decimals); }
-  Ref poll_s() const { return state->global(Name::poll_s); }
+  Number rounded(const Ref& cost) const { return call(state->round, cost, state->cost_decimals); }
+  Number poll_s() const { return state->global(Name::poll_s); }
 
   bool cached(const Ref& reply) const { return truth(property(reply, state->name(Name::cached))); }
-  Ref input_tokens(const Ref& reply) const {
+  Number input_tokens(const Ref& reply) const {
     return property(reply, state->name(Name::input_tokens));
   }
-  Ref cost(const Ref& reply) const { return property(reply, state->name(Name::cost)); }
+  Number cost(const Ref& reply) const { return property(reply, state->name(Name::cost)); }
 
   /// Runs the block as a `with` statement of the lock does. Returns nothing where the lock swallows
   /// the block's error.

@@ -6,46 +6,46 @@
 
 namespace decision_bounds::python {
 
-bool HeldRecord::admits(const Ref& share, const Ref& used, const Ref& limit) const {
+bool HeldRecord::admits(const Number& share, const Number& used, const Number& limit) const {
   const Ref record = value_of(*this);
   if (const Held<Python>* held = exact_bound<Held<Python>>(record)) {
     return held->admits(share, used, limit);
   }
-  return truth(call_method("admits", record, share, used, limit));
+  return truth(call_method("admits", record, Ref(share), Ref(used), Ref(limit)));
 }
 
-void HeldRecord::take_or_nothing(const Ref& share) const {
+void HeldRecord::take_or_nothing(const Number& share) const {
   const Ref record = value_of(*this);
   if (Held<Python>* held = exact_bound<Held<Python>>(record)) {
     held->take_or_nothing(share);
   } else {
-    call_method("take", record, share);
+    call_method("take", record, Ref(share));
   }
 }
 
-void HeldRecord::give_back(const Ref& share) const {
+void HeldRecord::give_back(const Number& share) const {
   const Ref record = value_of(*this);
   if (Held<Python>* held = exact_bound<Held<Python>>(record)) {
     held->give_back(share);
   } else {
-    call_method("give_back", record, share);
+    call_method("give_back", record, Ref(share));
   }
 }
 
-Ref ChargesRecord::bound(const Ref& size) const {
+Number ChargesRecord::bound(const Number& size) const {
   const Ref record = value_of(*this);
   if (const Charges<Python>* charges = exact_bound<Charges<Python>>(record)) {
     return charges->bound(size);
   }
-  return call_method("bound", record, size);
+  return call_method("bound", record, Ref(size));
 }
 
-void ChargesRecord::learn(const Ref& size, const Ref& charge) const {
+void ChargesRecord::learn(const Number& size, const Number& charge) const {
   const Ref record = value_of(*this);
   if (Charges<Python>* charges = exact_bound<Charges<Python>>(record)) {
     charges->learn(size, charge);
   } else {
-    call_method("learn", record, size, charge);
+    call_method("learn", record, Ref(size), Ref(charge));
   }
 }
 

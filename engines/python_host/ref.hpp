@@ -27,7 +27,9 @@ class Ref {
   Ref(const Ref& other) : object_(Py_XNewRef(other.object_)) {}
   Ref(Ref&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
   ~Ref() {
-    host_call([&] { Py_XDECREF(object_); });
+    if (object_ != nullptr) {
+      drop();
+    }
   }
 
   /// The old object goes last: its end may run any code, which must find the new one in place.
@@ -57,6 +59,10 @@ class Ref {
   PyObject* release() { return std::exchange(object_, nullptr); }
 
  private:
+  void drop() noexcept {
+    host_call([&] { Py_DECREF(object_); });
+  }
+
   PyObject* object_ = nullptr;
 };
 

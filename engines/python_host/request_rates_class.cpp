@@ -14,11 +14,13 @@ namespace {
 using HostRates = RequestRates<Python>;
 
 constexpr Field fields[] = {
-    {"_lock", offsetof(HostRates, lock_)},
-    {"_cost", offsetof(HostRates, cost_)},
-    {"_tokens", offsetof(HostRates, tokens_)},
-    {"_features", offsetof(HostRates, features_)},
+    BOUND_FIELD("_lock", HostRates, lock_),
+    BOUND_FIELD("_cost", HostRates, cost_),
+    BOUND_FIELD("_tokens", HostRates, tokens_),
+    BOUND_FIELD("_features", HostRates, features_),
 };
+
+constinit auto attributes = attributes_of<HostRates>(fields);
 
 constexpr Declaration declaration = {"RequestRates", R"(
 class RequestRates:
@@ -62,10 +64,13 @@ constexpr Definition operations[] = {
 
 }  // namespace
 
+template <>
+const std::span<const Field> fields_of<HostRates> = fields;
+
 void bind_request_rates(State* state) {
   bind_class(state, declaration,
-             make_type<HostRates>(state->module, "decision_bounds.RequestRates", fields), fields,
-             operations);
+             make_type<HostRates>(state->module, "decision_bounds.RequestRates", attributes.data()),
+             fields, operations);
 }
 
 }  // namespace decision_bounds::python

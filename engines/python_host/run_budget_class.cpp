@@ -13,17 +13,19 @@ namespace {
 using HostBudget = RunBudget<Python>;
 
 constexpr Field fields[] = {
-    {"max_calls", offsetof(HostBudget, max_calls)},
-    {"max_tokens", offsetof(HostBudget, max_tokens)},
-    {"calls", offsetof(HostBudget, calls)},
-    {"input_tokens", offsetof(HostBudget, input_tokens)},
-    {"cost", offsetof(HostBudget, cost)},
-    {"cache_hits", offsetof(HostBudget, cache_hits)},
-    {"in_flight", offsetof(HostBudget, in_flight)},
-    {"should_stop", offsetof(HostBudget, should_stop)},
-    {"_held_tokens", offsetof(HostBudget, held_tokens_)},
-    {"_changed", offsetof(HostBudget, changed_)},
+    BOUND_FIELD("max_calls", HostBudget, max_calls),
+    BOUND_FIELD("max_tokens", HostBudget, max_tokens),
+    BOUND_FIELD("calls", HostBudget, calls),
+    BOUND_FIELD("input_tokens", HostBudget, input_tokens),
+    BOUND_FIELD("cost", HostBudget, cost),
+    BOUND_FIELD("cache_hits", HostBudget, cache_hits),
+    BOUND_FIELD("in_flight", HostBudget, in_flight),
+    BOUND_FIELD("should_stop", HostBudget, should_stop),
+    BOUND_FIELD("_held_tokens", HostBudget, held_tokens_),
+    BOUND_FIELD("_changed", HostBudget, changed_),
 };
+
+constinit auto attributes = attributes_of<HostBudget>(fields);
 
 constexpr Declaration declaration = {"RunBudget", R"(
 class RunBudget:
@@ -98,10 +100,13 @@ constexpr Definition operations[] = {
 
 }  // namespace
 
+template <>
+const std::span<const Field> fields_of<HostBudget> = fields;
+
 void bind_run_budget(State* state) {
   bind_class(state, declaration,
-             make_type<HostBudget>(state->module, "decision_bounds.RunBudget", fields), fields,
-             operations);
+             make_type<HostBudget>(state->module, "decision_bounds.RunBudget", attributes.data()),
+             fields, operations);
 }
 
 }  // namespace decision_bounds::python

@@ -13,8 +13,10 @@ namespace {
 using HostShare = Share<GiveBackSlot>;
 
 constexpr Field fields[] = {
-    {"_give_back", offsetof(HostShare, give_back_)},
+    BOUND_FIELD("_give_back", HostShare, give_back_),
 };
+
+constinit auto attributes = attributes_of<HostShare>(fields);
 
 constexpr Declaration declaration = {"Share", R"(
 class Share:
@@ -63,8 +65,11 @@ constexpr Definition operations[] = {
 
 }  // namespace
 
+template <>
+const std::span<const Field> fields_of<HostShare> = fields;
+
 void bind_share(State* state) {
-  const Ref type = make_type<HostShare>(state->module, "decision_bounds.Share", fields);
+  const Ref type = make_type<HostShare>(state->module, "decision_bounds.Share", attributes.data());
   bind_class(state, declaration, type, fields, operations);
   state->remember_share(type);
 }
