@@ -3,7 +3,9 @@
 namespace decision_bounds::python {
 
 Function GiveBackSlot::exchange_for_none() {
-  const Ref present = value_of(*this);
+  if (get() == nullptr) {
+    value_of(*this);  // raises
+  }
   return Function(std::exchange(static_cast<Ref&>(*this), none()));
 }
 

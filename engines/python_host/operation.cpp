@@ -90,6 +90,23 @@ PyObject* default_of(const Operation& self, Py_ssize_t parameter) {
   return index < 0 ? nullptr : PyTuple_GET_ITEM(self.defaults, index);
 }
 
+/// Whether the arguments of a call stand as the parameters do, one for each: most calls' do.
+bool are_in_order(const Operation& self, Py_ssize_t given, PyObject* keywords) {
+  const Py_ssize_t named = keywords == nullptr ? 0 : PyTuple_GET_SIZE(keywords);
+  if (self.takes_any_more) {
+    return named == 0 && given >= self.parameters;
+  }
+  if (given > self.positional || given + named != self.parameters) {
+    return false;
+  }
+  for (Py_ssize_t index = 0; index < named; ++index) {
+    if (PyTuple_GET_ITEM(keywords, index) != PyTuple_GET_ITEM(self.names, given + index)) {
+      return false;
+    }
+  }
+  return true;
+}
+
 /// Puts the arguments of a call in the order of the parameters. Returns false where they do not
 /// fit.
 bool bind(const Operation& self, PyObject* const* arguments, Py_ssize_t given, PyObject* keywords,
@@ -123,7 +140,7 @@ PyObject* vectorcall(PyObject* callable, PyObject* const* arguments, std::size_t
   const Py_ssize_t given = PyVectorcall_NARGS(flags);
   try {
     const Python host{self.state};
-    if (keywords == nullptr && given == self.parameters && given == self.positional) {
+    if (are_in_order(self, given, keywords)) {
       return self.body(host, Arguments(arguments)).release();
     }
     PyObject* places[most_parameters] = {};
