@@ -247,6 +247,11 @@ Ref make_operation_type(PyObject* module) {
   return Ref::checked(PyType_FromModuleAndSpec(module, &type_spec, nullptr));
 }
 
+bool is_operation(PyObject* object, Body body) {
+  return object != nullptr && Py_TYPE(object)->tp_dealloc == dealloc &&
+         operation_of(object)->body == body;
+}
+
 Ref make_operation(State* state, const Ref& declared, Body body) {
   auto* type = reinterpret_cast<PyTypeObject*>(state->operation_type.get());
   Ref object = Ref::checked(type->tp_alloc(type, 0));

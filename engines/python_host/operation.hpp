@@ -93,4 +93,7 @@ Ref make_operation_type(PyObject* module);
 /// those of `declared`, a function of the host's language. It keeps the module.
 Ref make_operation(State* state, const Ref& declared, Body body);
 
+/// Whether the object (or null) is an operation with this body.
+bool is_operation(PyObject* object, Body body);
+
 }  // namespace decision_bounds::python

@@ -17,10 +17,14 @@ def _nothing(_reply: PaidReply | None) -> None:
     """Give back a share of nothing."""
 )"};
 
+Ref return_false(const Python& /*host*/, const Arguments& /*arguments*/) { return Ref(false); }
+
 }  // namespace
 
+bool is_never(PyObject* object) { return is_operation(object, return_false); }
+
 void bind_stock_functions(State* state) {
-  bind_function(state, never, [](const Python&, const Arguments&) { return Ref(false); });
+  bind_function(state, never, return_false);
   bind_function(state, nothing, [](const Python&, const Arguments&) { return Ref::none(); });
 }
 
