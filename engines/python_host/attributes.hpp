@@ -115,9 +115,9 @@ Ref make_type(PyObject* module, const char* qualified_name, PyGetSetDef* attribu
       {Py_tp_methods, state_methods<Bound>},
       {0, nullptr},
   };
-  PyType_Spec spec = {qualified_name, sizeof(Stored), 0,
+  PyType_Spec definition = {qualified_name, sizeof(Stored), 0,
                       Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_HAVE_GC, slots};
-  return Ref::checked(PyType_FromModuleAndSpec(module, &spec, nullptr));
+  return Ref::checked(PyType_FromModuleAndSpec(module, &definition, nullptr));
 }
 
 }  // namespace decision_bounds::python

@@ -145,16 +145,36 @@ bool HostLocks::condition_type_is_unchanged() {
   return true;
 }
 
-PyObject* HostLocks::plain_attributes(const Ref& condition) {
+const HostLocks::Inside* HostLocks::inside(const Ref& condition) {
   if (Py_TYPE(condition.get()) != type_of(condition_type_) || !condition_type_is_unchanged()) {
     return nullptr;
   }
   PyObject** attributes = _PyObject_GetDictPtr(condition.get());
-  if (attributes == nullptr || *attributes == nullptr ||
-      PyDict_GET_SIZE(*attributes) != attribute_count_) {
+  if (attributes == nullptr || *attributes == nullptr) {
     return nullptr;
   }
-  return *attributes;
+  Inside& seen = seen_[(reinterpret_cast<std::uintptr_t>(*attributes) / 16) % seen_.size()];
+#if PY_VERSION_HEX < 0x030C0000
+  // Every state of every dictionary has a number of its own. That saves two look-ups in three, and
+  // a tenth of a reserve+charge pair.
+  const std::uint64_t version = reinterpret_cast<PyDictObject*>(*attributes)->ma_version_tag;
+  if (seen.version == version) {
+    return &seen;
+  }
+  seen.version = 0;
+#endif
+  if (PyDict_GET_SIZE(*attributes) != attribute_count_) {
+    return nullptr;
+  }
+  seen.lock = PyDict_GetItemWithError(*attributes, lock_name_.get());
+  seen.waiters = PyDict_GetItemWithError(*attributes, waiters_name_.get());
+  if (seen.lock == nullptr || seen.waiters == nullptr) {
+    return nullptr;
+  }
+#if PY_VERSION_HEX < 0x030C0000
+  seen.version = version;
+#endif
+  return &seen;
 }
 
 Entered HostLocks::enter(const Ref& lock) {
@@ -163,10 +183,10 @@ Entered HostLocks::enter(const Ref& lock) {
   const LockType* known = nullptr;
   if (mutex_.is_type_of(entered.lock_)) {
     known = &mutex_;
-  } else if (PyObject* attributes = plain_attributes(entered.lock_)) {
-    const Ref inner = Ref::to(PyDict_GetItemWithError(attributes, lock_name_.get()));
-    if (inner.get() != nullptr && reentrant_.is_type_of(inner)) {
-      entered.lock_ = inner;
+  } else if (const Inside* condition = inside(entered.lock_)) {
+    Ref inner = Ref::to(condition->lock);
+    if (reentrant_.is_type_of(inner)) {
+      entered.lock_ = std::move(inner);
       known = &reentrant_;
     }
   }
@@ -184,11 +204,10 @@ Entered HostLocks::enter(const Ref& lock) {
 
 void HostLocks::notify_all(const Ref& condition) {
   const Ref notified = value_of(condition);
-  if (PyObject* attributes = plain_attributes(notified)) {
-    PyObject* waiters = PyDict_GetItemWithError(attributes, waiters_name_.get());
-    if (waiters != nullptr && Py_TYPE(waiters) == type_of(deque_type_) && Py_SIZE(waiters) == 0) {
-      return;
-    }
+  const Inside* plain = inside(notified);
+  if (plain != nullptr && Py_IS_TYPE(plain->waiters, type_of(deque_type_)) &&
+      Py_SIZE(plain->waiters) == 0) {
+    return;
   }
   call_method(notify_all_name_.get(), notified);
 }

@@ -8,6 +8,9 @@
 /// given up directly, and the wake-all is left out where nobody waits: the two save three quarters
 /// of a reserve+charge pair.
 
+#include <array>
+#include <cstdint>
+
 #include "python_host/ref.hpp"
 
 namespace decision_bounds::python {
@@ -54,9 +57,16 @@ class HostLocks {
   void notify_all(const Ref& condition);
 
  private:
-  /// The attributes of an exact condition that nobody has patched, neither it nor its type,
-  /// borrowed from it; null for any other object.
-  PyObject* plain_attributes(const Ref& condition);
+  /// What an exact condition holds, borrowed from it, while its attributes have this version.
+  struct Inside {
+    std::uint64_t version = 0;
+    PyObject* lock = nullptr;
+    PyObject* waiters = nullptr;
+  };
+
+  /// The inside of an exact condition that nobody has patched, neither it nor its type, until other
+  /// code runs; null for any other object.
+  const Inside* inside(const Ref& condition);
   /// Whether the condition type has the methods that it had when the module was loaded.
   bool condition_type_is_unchanged();
 
@@ -72,6 +82,7 @@ class HostLocks {
   unsigned version_ = 0;  ///< The type's version tag when it was last seen unchanged.
   /// Of a condition that nobody has added to; 0, which none has, where the short way is closed.
   Py_ssize_t attribute_count_ = 0;
+  std::array<Inside, 16> seen_;  ///< By the place of the attributes in memory.
 };
 
 }  // namespace decision_bounds::python
