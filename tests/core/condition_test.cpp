@@ -1,5 +1,8 @@
+// The native condition: reentrant, given up wholly while it sleeps, and woken for all.
+
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include "scripted_host.hpp"
 

@@ -1,4 +1,9 @@
+// The daily cap: how a day starts, whom it admits and refuses, and what a failure leaves.
+
 #include <map>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "scripted_host.hpp"
 

@@ -1,3 +1,5 @@
+// The tally of what the calls in flight hold, and its rule of admission.
+
 #include "scripted_host.hpp"
 
 namespace decision_bounds {

@@ -1,3 +1,5 @@
+// What requests may cost and use, as the replies before them showed.
+
 #include "scripted_host.hpp"
 
 namespace decision_bounds {

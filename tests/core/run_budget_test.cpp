@@ -1,3 +1,5 @@
+// The budget of a pass: whom it admits and refuses, what it counts, and what a failure leaves.
+
 #include "scripted_host.hpp"
 
 namespace decision_bounds {

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 #include <limits>
 #include <stdexcept>
-#include <string>
 #include <utility>
 #include <vector>
 

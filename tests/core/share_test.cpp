@@ -1,5 +1,9 @@
+// Shares: however a call ends, and on whichever thread, they are given back once.
+
 #include <atomic>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "scripted_host.hpp"
 

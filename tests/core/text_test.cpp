@@ -1,12 +1,14 @@
+// Numbers as text; what is expected is what an interpreter of 3.10 answers for the same value.
+
 #include "decision_bounds/text.hpp"
 
+#include <limits>
 #include <locale>
+#include <utility>
 
 #include "scripted_host.hpp"
 
 namespace decision_bounds {
-
-// What is expected is what an interpreter of 3.10 answers for the same value.
 
 TEST(Text, ShortestTextReadsBackToTheSameValue) {
   const std::pair<double, const char*> cases[] = {

@@ -1,5 +1,11 @@
+// The bounds under many threads at once.
+
+#include <atomic>
+#include <cstddef>
 #include <future>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "scripted_host.hpp"
 

@@ -1,3 +1,5 @@
+// The one wait for room: what ends it, and how long it sleeps.
+
 #include "scripted_host.hpp"
 
 namespace decision_bounds {

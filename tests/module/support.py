@@ -5,8 +5,10 @@ from __future__ import annotations
 import importlib.util
 import sys
 import threading
+import time
 import unittest
 from collections.abc import Callable
+from concurrent.futures import Future
 from dataclasses import dataclass
 from functools import partial
 from importlib.machinery import EXTENSION_SUFFIXES
@@ -14,7 +16,8 @@ from types import ModuleType
 from typing import Any
 from unittest import mock
 
-from engines import decision_bounds as bounds
+# Any type: the tests reach for private fields, and hand in what a type checker would refuse.
+bounds: Any = importlib.import_module("engines.decision_bounds")
 
 # The folder of the sources has the name of the module, so it is found where the module is missing.
 if getattr(bounds, "__file__", None) is None:
@@ -48,7 +51,9 @@ class LoggedReply:
 
     def __init__(self, reply: Reply, failing: str = "", error: BaseException = Boom()) -> None:
         self.reads: list[str] = []
-        self._reply, self._failing, self._error = reply, failing, error
+        self._reply = reply
+        self._failing = failing
+        self._error = error
 
     def __getattr__(self, name: str) -> Any:
         self.reads.append(name)
@@ -65,7 +70,8 @@ class LoggedCondition:
 
     def __init__(self, asleep: Callable[[], object] = bounds.never, swallows: bool = False) -> None:
         self.calls: list[Any] = []
-        self._asleep, self._swallows = asleep, swallows
+        self._asleep = asleep
+        self._swallows = swallows
 
     def __enter__(self) -> None:
         self.calls.append("enter")
@@ -83,45 +89,67 @@ class LoggedCondition:
 
 
 class Background(threading.Thread):
-    """A call on a thread of its own, started at once; ``result`` waits for its answer or error."""
+    """A call on a thread of its own, started at once."""
 
     def __init__(self, function: Callable[..., Any], *args: Any) -> None:
         super().__init__(daemon=True)
         self._call = partial(function, *args)
-        self.outcome = mock.Mock(side_effect=AssertionError("the call does not end"))
+        self._outcome: Future[Any] = Future()
         self.start()
 
     def run(self) -> None:
         try:
-            self.outcome = mock.Mock(return_value=self._call())
+            self._outcome.set_result(self._call())
         except BaseException as error:
-            self.outcome = mock.Mock(side_effect=error)
+            self._outcome.set_exception(error)
 
     def result(self) -> Any:
-        self.join(PATIENCE_S)
-        return self.outcome()
+        """Return what the call answers, or raise what it raises."""
+        return self._outcome.result(PATIENCE_S)
+
+
+def wait_until(condition: Callable[[], bool]) -> None:
+    """Return once ``condition`` holds. Raises ``AssertionError`` after ``PATIENCE_S`` seconds."""
+    end = time.monotonic() + PATIENCE_S
+    while not condition():
+        if time.monotonic() >= end:
+            raise AssertionError("what the test waits for does not come")
+        time.sleep(0.001)
 
 
 def is_free(lock: Any) -> bool:
-    """Whether another thread can take ``lock`` (and give it up again) at once."""
-    return Background(lambda: lock.acquire(blocking=False) and lock.release() is None).result()
+    """Return whether another thread can take ``lock`` (and give it up again) at once."""
+
+    def take() -> bool:
+        taken = bool(lock.acquire(blocking=False))
+        if taken:
+            lock.release()
+        return taken
+
+    return bool(Background(take).result())
 
 
-def account(cap: Any = 5.0, today: Any = lambda: TODAY, ledger: Any = None) -> bounds.DailySpend:
-    """An account with the same date for ever and no ledger, where nothing else is said."""
+def full_budget() -> Any:
+    """Return a budget of 9 calls and 9 tokens, where a call in flight holds all the tokens."""
+    return bounds.RunBudget(9, 9, _held_tokens=bounds._Held(1, 9.0))
+
+
+def account(cap: Any = 5.0, today: Any = lambda: TODAY, ledger: Any = None) -> Any:
+    """Return an account with the same date for ever and no ledger, where nothing else is said."""
     return bounds.DailySpend(cap, today, ledger)
 
 
-def admit(spend: bounds.DailySpend, usd: Any = 1.0, bound: Any = None, **waits: Any) -> Any:
+def admit(spend: Any, usd: Any = 1.0, bound: Any = None, **waits: Any) -> Any:
     """Admit a call that may cost ``usd``, or what ``bound`` answers; without a stop or deadline."""
     waits = {"deadline": None, "clock": None, "stopping": bounds.never} | waits
     return spend.admit(bound or (lambda: usd), **waits)
 
 
-def load_copy(name: str) -> ModuleType:
+def load_copy(name: str) -> Any:
     """Load the module's file once more as ``name``, and leave the loaded modules as they were."""
     found = importlib.util.spec_from_file_location(name, bounds.__file__)
-    module = importlib.util.module_from_spec(found)
+    assert found and found.loader
+    module: ModuleType = importlib.util.module_from_spec(found)
     with mock.patch.dict(sys.modules, {name: module}):
         found.loader.exec_module(module)
     return module

@@ -6,6 +6,9 @@ import gc
 import sys
 import unittest
 import weakref
+from collections.abc import Callable
+from functools import partial
+from typing import Any
 from unittest import mock
 
 from tests.module.support import Boom, LoggedReply, Reply
@@ -14,26 +17,45 @@ from tests.module.support import account, admit, bounds, extension_only, is_free
 
 class LifetimeTest(unittest.TestCase):
     def test_cycles_are_collected(self) -> None:
-        share, held, rates, dated = bounds.Share(), bounds._Held(), bounds.RequestRates(), account()
-        share._give_back, held.amount, rates._cost = share.settle, held, rates
-        dated._today = lambda: dated
-        asked, holding, sharing = bounds.RunBudget(1, 9), bounds.RunBudget(1, 9), account()
-        asked.should_stop, holding.note = asked.stopping, holding.hold(1.0)
-        sharing.note = admit(sharing)
-        made = [share, held, rates, dated, asked, holding, sharing]
-        references = list(map(weakref.ref, made))
-        del share, held, rates, dated, asked, holding, sharing, made
+        budget = partial(bounds.RunBudget, 1, 9)
+        cycles: list[tuple[Callable[[], Any], Callable[[Any], None]]] = [
+            (bounds.Share, lambda it: setattr(it, "_give_back", it.settle)),
+            (bounds._Held, lambda it: setattr(it, "amount", it)),
+            (bounds.RequestRates, lambda it: setattr(it, "_cost", it)),
+            (budget, lambda it: setattr(it, "should_stop", it.stopping)),
+            (budget, lambda it: setattr(it, "note", it.hold(1.0))),
+            (account, lambda it: setattr(it, "_today", lambda: it)),
+            (account, lambda it: setattr(it, "note", admit(it))),
+        ]
+        for make, close in cycles:
+            made = make()
+            close(made)
+            reference = weakref.ref(made)
+            del made
+            gc.collect()
+            self.assertIsNone(reference())
+
+    def test_a_share_that_is_dropped_gives_nothing_back(self) -> None:
+        budget = bounds.RunBudget(9, 9)
+        spend = account()
+        references = [weakref.ref(share) for share in (budget.hold(3.0), admit(spend, 2.0))]
         gc.collect()
-        self.assertEqual({reference() for reference in references}, {None})
+        self.assertEqual([reference() for reference in references], [None, None])
+        self.assertEqual(budget.in_flight, 1)
+        self.assertEqual(budget._held_tokens, bounds._Held(1, 3.0))
+        self.assertEqual(spend._held, bounds._Held(1, 2.0))
 
     def test_nothing_keeps_what_it_has_used(self) -> None:
-        boom, reply, amount = Boom(), Reply(cost=0.5), float("2.5")
+        boom = Boom()
+        reply = Reply(cost=0.5)
+        amount = float("2.5")
         unread = LoggedReply(Reply(), "cost", boom)
         used = [boom, reply, amount, unread, bounds.Share, bounds._Held, bounds._Charges]
         used += [bounds.RequestRates, bounds.RunBudget, bounds.DailySpend, bounds.never]
 
         def use() -> None:
-            budget, spend = bounds.RunBudget(9, 99), account()
+            budget = bounds.RunBudget(9, 99)
+            spend = account()
             bounds.RequestRates().learn(1, "rank", reply)
             budget.hold(amount).settle(reply)
             admit(spend, amount).settle(reply)
@@ -51,9 +73,11 @@ class LifetimeTest(unittest.TestCase):
         self.assertEqual(counts[1], counts[2])
 
     def test_deep_chains_end_without_a_crash(self) -> None:
-        share, held = bounds.Share(), bounds._Held()
+        share = bounds.Share()
+        held = bounds._Held()
         for _ in range(50_000):
-            share, held = bounds.Share(share.settle), bounds._Held(amount=held)
+            share = bounds.Share(share.settle)
+            held = bounds._Held(amount=held)
         self.assertRaises(RecursionError, share.settle, None)
         self.assertRaises(RecursionError, repr, held)
 
@@ -68,24 +92,30 @@ class LifetimeTest(unittest.TestCase):
                 made = make()
                 delattr(made, field)
                 self.assertRaises(AttributeError, use, made)
-            for made in (object(), type(made).__new__(type(made))):
-                self.assertRaises((AttributeError, TypeError), use, made)
+            kind: Any = type(made)
+            for unset in (object(), kind.__new__(kind)):
+                self.assertRaises((AttributeError, TypeError), use, unset)
 
     @extension_only
     def test_records_that_are_not_set_up_have_no_fields(self) -> None:
-        empty, budget = bounds._Held.__new__(bounds._Held), bounds.RunBudget(9, 9)
+        empty = bounds._Held.__new__(bounds._Held)
+        budget = bounds.RunBudget(9, 9)
         del budget.calls
         for use in (lambda: empty.take(1.0), empty.__repr__, budget.summary):
             self.assertRaises(AttributeError, use)
         self.assertTrue(is_free(budget._changed))
 
     def test_what_changes_under_a_call_does_no_harm(self) -> None:
-        budget, spend, tokens = bounds.RunBudget(9, 9), account(), mock.MagicMock()
+        budget = bounds.RunBudget(9, 9)
+        tokens = mock.MagicMock()
         tokens.__radd__ = lambda _, other: setattr(budget, "_held_tokens", None)
         self.assertIs(type(budget.hold(tokens)), bounds.Share)
         budget.should_stop = lambda: setattr(budget, "should_stop", None)
         self.assertFalse(budget.stopping())
-        entered, spend._today = spend._changed, lambda: setattr(spend, "_changed", None)
-        self.assertEqual((spend.spent(), is_free(entered)), (0.0, True))
-        shares = [bounds.Share(lambda reply: shares.clear())]
+        spend = account()
+        spend._today = lambda: setattr(spend, "_changed", None)
+        entered = spend._changed
+        self.assertEqual(spend.spent(), 0.0)
+        self.assertTrue(is_free(entered))
+        shares: list[Any] = [bounds.Share(lambda reply: shares.clear())]
         shares[0].settle(None)

@@ -15,7 +15,7 @@ from typing import Any
 from unittest import mock
 
 from tests.module.support import PATIENCE_S, Background, LoggedCondition, Reply
-from tests.module.support import account, admit, bounds, is_free
+from tests.module.support import account, admit, bounds, full_budget, is_free, wait_until
 
 EXIT_WITH_WAITERS = """
 import math, threading, time
@@ -30,15 +30,22 @@ for call in [budget.reserve, admit] * 3:
 time.sleep(0.05)
 """
 
-ENTERED, NOTIFIED = ["enter", "exit"], ["enter", "notify_all", "exit"]
+ENTERED = ["enter", "exit"]
+NOTIFIED = ["enter", "notify_all", "exit"]
 
 
 def rush(work: Callable[[], Any], threads: int = 64) -> None:
     """Run ``work`` on all threads at once, with the interpreter switching often between them."""
-    start, interval = threading.Barrier(threads), sys.getswitchinterval()
+    start = threading.Barrier(threads)
+
+    def started_together() -> None:
+        start.wait()
+        work()
+
+    interval = sys.getswitchinterval()
     sys.setswitchinterval(1e-5)
     try:
-        for call in [Background(lambda: (start.wait(), work())) for _ in range(threads)]:
+        for call in [Background(started_together) for _ in range(threads)]:
             call.result()
     finally:
         sys.setswitchinterval(interval)
@@ -49,17 +56,18 @@ def asleep(bound: Any, call: Callable[[], Any]) -> Iterator[list[Background]]:
     """Start calls that wait for ``bound``, with no poll to wake them, and go on once all sleep."""
     with mock.patch.object(bounds, "_POLL_S", 10 * PATIENCE_S):
         calls = [Background(call) for _ in range(4)]
-        while len(bound._changed._waiters) < 4:
-            time.sleep(0.001)
+        wait_until(lambda: len(bound._changed._waiters) == len(calls))
         yield calls
 
 
 class ConditionsTest(unittest.TestCase):
     def test_operations_ask_a_condition_for_no_more_than_they_need(self) -> None:
-        changed, spend = LoggedCondition(), account()
+        changed = LoggedCondition()
         budget = bounds.RunBudget(9, 9, _changed=changed)
+        spend = account()
         self.assertIs(type(spend._changed), threading.Condition)
-        share, spend._changed = admit(spend), changed
+        share = admit(spend)
+        spend._changed = changed
         entered = [budget.reserve, budget.exhausted, budget.summary, spend.spent]
         entered += [lambda: budget.charge(Reply(cached=True)), lambda: admit(spend)]
         notified = [budget.release, lambda: budget.charge(Reply()), lambda: spend.charge(Reply())]
@@ -78,8 +86,9 @@ class ConditionsTest(unittest.TestCase):
         refusing._changed = LoggedCondition(swallows=True)
         self.assertIsNone(refusing.reserve())
         # The protocol is looked up on the type, so what the object itself has does not count.
-        refusing._changed = threading.Event()
-        refusing._changed.__enter__ = refusing._changed.__exit__ = mock.Mock()
+        event: Any = threading.Event()
+        event.__enter__ = event.__exit__ = mock.Mock()
+        refusing._changed = event
         self.assertRaises((AttributeError, TypeError), refusing.summary)
 
     def test_a_wait_sleeps_to_the_deadline_and_no_longer_than_a_poll(self) -> None:
@@ -94,7 +103,8 @@ class ConditionsTest(unittest.TestCase):
 
     def test_patched_conditions_are_honoured(self) -> None:
         for name in ("__enter__", "__exit__", "notify_all", "notify", "wait"):
-            called, genuine = [], getattr(threading.Condition, name)
+            called: list[Any] = []
+            genuine = getattr(threading.Condition, name)
 
             def patched(self: Any, *args: Any) -> Any:
                 called.append(self)
@@ -109,57 +119,70 @@ class ConditionsTest(unittest.TestCase):
                 else:
                     budget.release(9.0)
             self.assertEqual(called, [budget._changed])
-        budget = bounds.RunBudget(9, 9, _held_tokens=bounds._Held(1, 9.0))
+        budget = full_budget()
         budget._changed.wait = lambda timeout: budget.release(9.0)
         budget._changed.notify_all = mock.Mock()
         budget.reserve(3.0)
         budget._changed.notify_all.assert_called_once_with()
 
     def test_locks_of_the_caller_are_used(self) -> None:
-        lock, rates = mock.MagicMock(), bounds.RequestRates()
+        lock = mock.MagicMock()
         bounds.RunBudget(9, 9, _changed=threading.Condition(lock)).summary()
+        rates = bounds.RequestRates()
         self.assertIs(type(rates._lock), type(threading.Lock()))
         rates._lock = lock
         rates.tokens(1)
-        self.assertEqual((lock.__enter__.call_count, lock.__exit__.call_count), (2, 2))
+        self.assertEqual(lock.__enter__.call_count, 2)
+        self.assertEqual(lock.__exit__.call_count, 2)
 
     def test_a_thread_that_holds_the_lock_keeps_the_others_out(self) -> None:
-        budget, rates = bounds.RunBudget(9, 9), bounds.RequestRates()
+        budget = bounds.RunBudget(9, 9)
+        rates = bounds.RequestRates()
         with budget._changed, rates._lock:
-            outside = [Background(budget.reserve), Background(rates.tokens, 1)]
+            reserving = Background(budget.reserve)
+            asking = Background(rates.tokens, 1)
             budget.reserve()
-            outside[0].join(0.1)
-            self.assertTrue(budget.in_flight == 1 and all(call.is_alive() for call in outside))
-        self.assertEqual([call.result() for call in outside], [None, math.inf])
+            reserving.join(0.1)
+            self.assertEqual(budget.in_flight, 1)
+            self.assertTrue(reserving.is_alive())
+            self.assertTrue(asking.is_alive())
+        self.assertIsNone(reserving.result())
+        self.assertEqual(asking.result(), math.inf)
 
     def test_a_stop_function_may_use_the_budget_that_waits(self) -> None:
-        budget, answers = bounds.RunBudget(9, 9), [lambda: None]
-        answers.append(budget.hold(math.inf).__exit__)
+        budget = bounds.RunBudget(9, 9)
+        answers = [bounds.never, budget.hold(math.inf).__exit__]
         # The first question comes on entry, the second from the wait and under the lock.
         budget.should_stop = lambda: answers.pop(0)() if answers else budget.exhausted()
         with budget.hold(1.0):
-            self.assertEqual((budget.in_flight, budget._held_tokens.amount), (1, 1.0))
+            self.assertEqual(budget.in_flight, 1)
+            self.assertEqual(budget._held_tokens.amount, 1.0)
 
 
 class ThreadsTest(unittest.TestCase):
     def test_a_rush_stays_within_the_bounds(self) -> None:
-        spend, budget, most = account(cap=100.0), bounds.RunBudget(10**6, 2000), []
+        spend = account(cap=100.0)
+        budget = bounds.RunBudget(10**6, 2000)
+        used: list[float] = []  # What was settled and held of the cap after each admission, USD.
 
         def pay() -> None:
             with self.assertRaisesRegex(bounds.DecisionBudgetExceeded, "cost cap"):
                 for tokens in [math.inf, *[10.0] * 1000]:
                     with budget.hold(tokens) as slot, admit(spend) as share:
-                        most.append(spend._cost + spend._held.amount)
+                        used.append(spend._cost + spend._held.amount)
                         # One share of three ends without a reply.
-                        if len(most) % 3:
+                        if len(used) % 3:
                             slot.settle(Reply(input_tokens=10))
                             share.settle(Reply(cost=1.0))
 
         with self.assertLogs(bounds.logger, "WARNING") as logs:
             rush(pay)
-        self.assertEqual((spend.spent(), max(most) <= 100.0, len(logs.records)), (100.0, True, 1))
-        self.assertEqual((budget.calls, budget.input_tokens, budget.in_flight), (100, 1000, 0))
-        self.assertEqual((budget._held_tokens, spend._held), (bounds._Held(), bounds._Held()))
+        self.assertEqual(len(logs.records), 1)
+        self.assertEqual(spend.spent(), 100.0)
+        self.assertLessEqual(max(used), 100.0)
+        self.assertEqual(spend._held, bounds._Held())
+        self.assertEqual(budget, bounds.RunBudget(10**6, 2000, 100, 1000))
+        self.assertEqual(budget._held_tokens, bounds._Held())
 
     def test_a_share_is_given_back_once_when_threads_race(self) -> None:
         given: list[Any] = []
@@ -169,11 +192,14 @@ class ThreadsTest(unittest.TestCase):
 
     def test_whatever_makes_room_wakes_every_waiter(self) -> None:
         for end in (None, Reply(input_tokens=1)):
-            budget, spend = bounds.RunBudget(9, 9), account()
-            shares = [budget.hold(math.inf), admit(spend, math.inf)]
-            for bound, call in ((budget, budget.reserve), (spend, lambda: admit(spend))):
+            budget = bounds.RunBudget(9, 9)
+            spend = account()
+            for bound, share, call in (
+                (budget, budget.hold(math.inf), budget.reserve),
+                (spend, admit(spend, math.inf), lambda: admit(spend)),
+            ):
                 with asleep(bound, call) as calls:
-                    shares.pop(0).settle(end)
+                    share.settle(end)
                     for waiter in calls:
                         waiter.result()
         spend._held.amount = 9.0
@@ -183,12 +209,11 @@ class ThreadsTest(unittest.TestCase):
                 self.assertRaises(bounds.DecisionBudgetExceeded, waiter.result)
 
     def test_an_interrupt_ends_a_wait_at_once(self) -> None:
-        budget = bounds.RunBudget(9, 9, _held_tokens=bounds._Held(1, 9.0))
+        budget = full_budget()
         main = threading.get_ident()
 
         def interrupt() -> None:
-            while not budget._changed._waiters:
-                time.sleep(0.01)
+            wait_until(lambda: bool(budget._changed._waiters))
             time.sleep(0.05)
             signal.pthread_kill(main, signal.SIGINT)
 
@@ -197,9 +222,11 @@ class ThreadsTest(unittest.TestCase):
         with mock.patch.object(bounds, "_POLL_S", 10 * PATIENCE_S):
             Background(interrupt)
             self.assertRaises(KeyboardInterrupt, budget.hold, 1.0)
-        self.assertEqual((is_free(budget._changed), budget.in_flight), (True, 0))
+        self.assertTrue(is_free(budget._changed))
+        self.assertEqual(budget.in_flight, 0)
 
     def test_the_interpreter_ends_while_threads_wait(self) -> None:
         command = [sys.executable, "-c", EXIT_WITH_WAITERS]
         for ended in [Popen(command, stderr=PIPE) for _ in range(8)]:
-            self.assertEqual((ended.communicate(timeout=PATIENCE_S)[1], ended.returncode), (b"", 0))
+            self.assertEqual(ended.communicate(timeout=PATIENCE_S)[1], b"")
+            self.assertEqual(ended.returncode, 0)

@@ -9,7 +9,7 @@ import weakref
 from functools import partial
 from unittest import mock
 
-from tests.module.support import LoggedCondition, account, admit, bounds, load_copy
+from tests.module.support import LoggedCondition, account, admit, bounds, full_budget, load_copy
 
 
 class OtherError(Exception):
@@ -21,8 +21,10 @@ rebound = partial(mock.patch.multiple, bounds)
 
 class LookupsTest(unittest.TestCase):
     def test_a_rebound_name_is_used_at_once(self) -> None:
-        full, spend = bounds.RunBudget(9, 9, _held_tokens=bounds._Held(1, 9.0)), account()
-        late, spend._held.amount = {"deadline": 0.0, "clock": float}, 5.0
+        full = full_budget()
+        spend = account()
+        spend._held.amount = 5.0
+        late = {"deadline": 0.0, "clock": float}
         with rebound(DecisionStopped=OtherError, DecisionTimeout=OtherError):
             self.assertRaises(OtherError, bounds.RunBudget(9, 9, should_stop=lambda: True).reserve)
             self.assertRaises(OtherError, lambda: admit(spend, **late))
@@ -40,7 +42,7 @@ class LookupsTest(unittest.TestCase):
         self.assertEqual(shares, [("share", True)] * 2)
 
     def test_a_call_that_waits_sees_a_rebinding(self) -> None:
-        budget = bounds.RunBudget(9, 9, _held_tokens=bounds._Held(1, 9.0))
+        budget = full_budget()
         budget._changed = LoggedCondition(lambda: setattr(bounds, "_POLL_S", bounds._POLL_S * 2))
         budget.should_stop = mock.Mock(side_effect=[False, False, False, True])
         with rebound(_POLL_S=1), self.assertRaises(bounds.DecisionStopped):
@@ -48,14 +50,18 @@ class LookupsTest(unittest.TestCase):
         self.assertEqual(budget._changed.calls[1:3], [("wait", 1), ("wait", 2)])
 
     def test_defaults_are_fixed_at_load(self) -> None:
-        held, charges = type("Held", (bounds._Held,), {}), type("Charges", (bounds._Charges,), {})
         nothing = bounds._nothing
+        held = type("Held", (bounds._Held,), {})
+        charges = type("Charges", (bounds._Charges,), {})
         with rebound(_nothing=None, never=None, _Held=held, _Charges=charges):
-            budget, rates = bounds.RunBudget(9, 9), bounds.RequestRates()
-            self.assertEqual((bounds.Share()._give_back, budget.stopping()), (nothing, False))
+            self.assertIs(bounds.Share()._give_back, nothing)
+            budget = bounds.RunBudget(9, 9)
+            self.assertFalse(budget.stopping())
             self.assertIsNot(type(budget._held_tokens), held)
-            kinds = [type(value) for value in (account()._held, rates._cost, rates._tokens)]
-            self.assertEqual(kinds, [held, charges, charges])
+            self.assertIs(type(account()._held), held)
+            rates = bounds.RequestRates()
+            self.assertIs(type(rates._cost), charges)
+            self.assertIs(type(rates._tokens), charges)
 
     def test_a_deleted_name_is_a_name_error(self) -> None:
         other = load_copy("decision_bounds")
@@ -71,10 +77,13 @@ class LookupsTest(unittest.TestCase):
     def test_copies_of_the_module_share_nothing(self) -> None:
         for name in ("decision_bounds", "client.engines.decision_bounds", bounds.__name__):
             other = load_copy(name)
-            self.assertEqual((other.logger.name, other.Share.__module__), (name, name))
+            self.assertEqual(other.logger.name, name)
+            self.assertEqual(other.Share.__module__, name)
             self.assertNotEqual(other._Held(), bounds._Held())
-            budget, kept, other._POLL_S = other.RunBudget(1, 9), weakref.ref(other), 7
+            other._POLL_S = 7
             self.assertEqual(bounds._POLL_S, 0.1)
+            budget = other.RunBudget(1, 9)
+            kept = weakref.ref(other)
             del other
             gc.collect()
             # An object does without the name of its module, and the last takes the module along.

@@ -6,6 +6,7 @@ import math
 import unittest
 from decimal import Decimal
 from fractions import Fraction
+from typing import Any
 from unittest import mock
 
 from tests.module.support import TODAY, Boom, Reply, account, admit, bounds
@@ -38,7 +39,8 @@ class ValuesTest(unittest.TestCase):
     def test_integers_have_no_limit_and_compare_exactly(self) -> None:
         budget = bounds.RunBudget(10**30, 10**40, calls=10**30 - 2)
         budget.charge(Reply(input_tokens=10**39), 5)
-        self.assertEqual((budget.calls, budget.input_tokens), (10**30 - 1, 10**39))
+        self.assertEqual(budget.calls, 10**30 - 1)
+        self.assertEqual(budget.input_tokens, 10**39)
         # As doubles, these sums would equal their limits.
         self.assertTrue(bounds._Held().admits(1.0, 2**53, 2**53 + 1))
         self.assertTrue(bounds._Held(amount=0).admits(1, 10**400, 10**400 + 1))
@@ -56,20 +58,23 @@ class ValuesTest(unittest.TestCase):
         self.assertEqual(repr(budget.summary()), text + " 'max_calls': True, 'max_tokens': 9}")
 
     def test_operators_of_the_values_answer(self) -> None:
-        limit, amount = mock.MagicMock(), Amount(2.0)
-        limit.__le__.return_value, limit.__gt__.return_value = False, True
+        limit = mock.MagicMock()
+        limit.__le__.return_value = False
+        limit.__gt__.return_value = True
         bounds.RunBudget(limit, limit).reserve()
-        asked = [mock.call.__le__(0), mock.call.__le__(0), mock.call.__gt__(0.0)]
-        self.assertEqual(limit.mock_calls, asked)
+        call: Any = mock.call
+        self.assertEqual(limit.mock_calls, [call.__le__(0), call.__le__(0), call.__gt__(0.0)])
+        amount = Amount(2.0)
         admit(account(), amount).settle(None)
         bounds.RunBudget(1, 9).hold(amount).settle(None)
         self.assertEqual(amount.asked, "+-+-")
 
     def test_the_larger_of_two_is_the_second_only_where_it_is_greater(self) -> None:
-        held, charges = bounds._Held(3, -0.0, -3), bounds._Charges()
+        held = bounds._Held(3, -0.0, -3)
         held.give_back(0.0)
         held.give_back(math.nan)
         self.assertEqual(repr(held), "_Held(holders=1, amount=0.0, unbounded=-3)")
+        charges = bounds._Charges()
         charges.learn(1, math.nan)
         self.assertEqual(repr(charges), "_Charges(per_byte=0.0, per_call=0.0)")
         self.assertEqual(repr(bounds._Charges(1.0, 3).bound(3)), "3.0")
@@ -82,7 +87,7 @@ class ValuesTest(unittest.TestCase):
         charges.learn(3, 2**60 + 1)
         self.assertEqual(charges.per_byte, (2**60 + 1) / 3)
         charges.learn(10**380, 10**400)
-        self.assertEqual((charges.per_byte, charges.per_call), (1e20, 10**400))
+        self.assertEqual(charges, bounds._Charges(1e20, 10**400))
         self.assertRaises(OverflowError, charges.learn, 0, 10**400)
 
     def test_texts_of_the_refusals(self) -> None:
@@ -102,14 +107,15 @@ class ValuesTest(unittest.TestCase):
         (record,) = logs.records
         resumed = "; paid calls resume tomorrow, cached answers are still used"
         self.assertEqual(record.getMessage(), f"T{reached}{resumed}")
-        self.assertEqual((record.args, record.exc_info), ((5.00012, 5), None))
+        self.assertEqual(record.args, (5.00012, 5))
+        self.assertIsNone(record.exc_info)
 
     def test_answers_are_taken_by_their_truth_and_handed_on_as_they_came(self) -> None:
         for answer in ("yes", []):
             budget = bounds.RunBudget(1, 2, should_stop=lambda: answer)
             budget.charge(Reply(cached=answer))
             self.assertEqual(repr(budget.stopping()), repr(bool(answer)))
-            self.assertEqual((budget.cache_hits, budget.calls), (bool(answer), not answer))
+            self.assertEqual([budget.cache_hits, budget.calls], [1, 0] if answer else [0, 1])
         unsure = mock.MagicMock(__bool__=mock.Mock(side_effect=Boom))
         budget = bounds.RunBudget(1, 2, should_stop=lambda: unsure)
         for operation in (budget.stopping, budget.reserve, lambda: budget.charge(Reply(unsure))):
@@ -117,7 +123,9 @@ class ValuesTest(unittest.TestCase):
         # Whether there is a give-back function or a reply is no question of their truth.
         bounds.Share(unsure).settle(unsure)
         self.assertIs(unsure.call_args.args[0], unsure)
-        day, ledger = type("Day", (str,), {})(TODAY), mock.Mock(return_value=1)
+        day = type("Day", (str,), {})(TODAY)
+        ledger = mock.Mock(return_value=1)
         spend = account(today=lambda: day, ledger=ledger)
         self.assertEqual(repr(spend.spent()), "1.0")
-        self.assertTrue(spend._day is ledger.call_args.args[0] is day)
+        self.assertIs(ledger.call_args.args[0], day)
+        self.assertIs(spend._day, day)
