@@ -1,4 +1,4 @@
-"""Starts the command line."""
+"""Start the command line."""
 
 import signal
 import sys

@@ -26,7 +26,7 @@ class BatchPass:
     def __init__(
         self, client: DecisionClient, requests: Sequence[Request], max_calls: int, max_tokens: int
     ) -> None:
-        """``max_calls`` and ``max_tokens`` (input tokens) bound what the pass may pay for."""
+        """Bound what the pass may pay for to ``max_calls`` and ``max_tokens`` (input tokens)."""
         self.requests = requests
         self.replies: list[Reply | None] = [None] * len(requests)
         self.budget = RunBudget(max_calls, max_tokens, should_stop=self.stopping)
@@ -38,22 +38,22 @@ class BatchPass:
 
     @property
     def decided(self) -> int:
-        """How many requests have their reply."""
+        """Return how many requests have their reply."""
         return sum(reply is not None for reply in self.replies)
 
     def interrupt(self) -> None:
-        """Asks the pass to stop: calls in flight settle, waiting calls give up.
+        """Ask the pass to stop: calls in flight settle, waiting calls give up.
 
         A signal handler may call it: it takes no lock that the interrupted code could hold.
         """
         self.interrupted = True
 
     def stopping(self) -> bool:
-        """Whether the pass was asked to stop, or must as it cannot record what it pays."""
+        """Return whether the pass was asked to stop, or must as it cannot record what it pays."""
         return self.interrupted or bool(self.ledger_failure)
 
     def run(self, threads: int, show: Callable[[], None]) -> None:
-        """Works on ``threads`` threads; ``show`` is called now and then until they are done."""
+        """Work on ``threads`` threads, and call ``show`` now and then until they are done."""
         for position in range(len(self.requests)):
             self._todo.put(position)
         with ThreadPoolExecutor(threads) as pool:
@@ -64,6 +64,7 @@ class BatchPass:
             worker.result()
 
     def _work(self) -> None:
+        """Decide one request after the other until none is left or the pass stops."""
         while not self.stopping():
             try:
                 position = self._todo.get_nowait()
@@ -72,6 +73,7 @@ class BatchPass:
             self._decide(position)
 
     def _decide(self, position: int) -> None:
+        """Decide the request at ``position``, and keep its reply or what failed."""
         try:
             reply = self._client.decide(self.requests[position], self.budget)
         except (DecisionBudgetExceeded, DecisionStopped):

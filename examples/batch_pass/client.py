@@ -6,6 +6,7 @@ import math
 import threading
 import time
 from dataclasses import dataclass
+from functools import partial
 from typing import Callable
 
 from engines.decision_bounds import (
@@ -40,12 +41,13 @@ class Request:
 
     @property
     def kind(self) -> str:
+        """Return the word that names its kind."""
         word, colon, _ = self.text.partition(":")
         return word if colon and word.isidentifier() else "general"
 
     @property
     def size(self) -> int:
-        """Its length in bytes."""
+        """Return its length in bytes."""
         return len(self.text.encode())
 
 
@@ -56,7 +58,7 @@ class DecisionClient:
     """
 
     def __init__(self, remote: Remote, ledger: Ledger, cap: float, tally: Tally) -> None:
-        """``cap`` is what the calls of one UTC day may cost, in USD."""
+        """Start with no rates known; ``cap`` is what the calls of one UTC day may cost, in USD."""
         self.rates = RequestRates()
         self.day = DailySpend(cap, utc_today, ledger.spent_since)
         self._remote = remote
@@ -67,25 +69,15 @@ class DecisionClient:
         self._closed_because = ""
 
     def decide(self, request: Request, budget: RunBudget) -> Reply:
-        """Decides one request of a batch pass within the pass's budget and the daily cap.
+        """Decide one request of a batch pass within the pass's budget and the daily cap.
 
         Raises ``DecisionBudgetExceeded`` when one of them is used up, ``DecisionStopped`` when the
         pass stops, ``DecisionUnavailable`` when the endpoint keeps failing, and ``LedgerError``.
         """
 
         def attempt() -> Reply:
-            # A text never has more tokens than bytes, which bounds also the calls before any reply.
-            tokens = min(self.rates.tokens(request.size), PROMPT_TOKENS + request.size)
-            with self._admitted("tokens", lambda: budget.hold(tokens)) as of_pass:
-                with self._admitted(
-                    "the cap",
-                    lambda: self.day.admit(
-                        lambda: self.rates.cost(request.size, request.kind),
-                        deadline=None,
-                        clock=time.monotonic,
-                        stopping=budget.stopping,
-                    ),
-                ) as of_day:
+            with self._share_of_pass(request, budget) as of_pass:
+                with self._share_of_day(request, budget) as of_day:
                     reply = self._ask(request, READ_TIMEOUT_S)
                     of_day.settle(reply)
                 of_pass.settle(reply)
@@ -97,14 +89,14 @@ class DecisionClient:
         return reply
 
     def ask(self, request: Request, deadline: float, stopping: Callable[[], bool]) -> Reply:
-        """Decides a tool's request, which has no pass, by ``deadline`` on the monotonic clock.
+        """Decide a tool's request, which has no pass, by ``deadline`` on the monotonic clock.
 
         Raises as ``decide`` does, and ``DecisionTimeout`` when the deadline has passed.
         """
 
         def attempt() -> Reply:
             with self.day.admit(
-                lambda: self._ceiling(request),
+                partial(self._ceiling, request),
                 deadline=deadline,
                 clock=time.monotonic,
                 stopping=stopping,
@@ -119,7 +111,7 @@ class DecisionClient:
         return self._answer(request, attempt)
 
     def _answer(self, request: Request, attempt: Callable[[], Reply]) -> Reply:
-        """The reply from the ledger, else from ``attempt``, tried again while it fails."""
+        """Return the reply from the ledger, else from ``attempt``, tried again while it fails."""
         # Of equal requests at once, one pays and the others then find its answer.
         with self._asking.setdefault(request.text, threading.Lock()):
             cached = self._ledger.answer(request.text)
@@ -132,7 +124,7 @@ class DecisionClient:
             return reply
 
     def _retried(self, attempt: Callable[[], Reply]) -> Reply:
-        """Makes attempts, each with shares of its own, until one is answered or none is left.
+        """Make attempts, each with shares of its own, until one is answered or none is left.
 
         No share is held during the pauses, so that other calls have the room. Once the endpoint
         has failed a call for good, no call asks it until the window ends.
@@ -149,11 +141,12 @@ class DecisionClient:
                     self._closed_because = str(error)
                     self._closed_until = time.monotonic() + CLOSED_S
                     raise DecisionUnavailable(self._closed_because) from error
-            self._tally.add("retries")
+            with self._tally.lock:
+                self._tally.retries += 1
             time.sleep(pause_s)
 
     def _ask(self, request: Request, timeout_s: float) -> Reply:
-        """One attempt, made while the caller holds its shares."""
+        """Make one attempt, while the caller holds its shares."""
         try:
             reply = self._remote.ask(request.kind, request.text, timeout_s)
         except NotRead:
@@ -164,29 +157,56 @@ class DecisionClient:
         return reply
 
     def _count_unread(self, request: Request) -> None:
-        """Counts an attempt that was sent and never read at the most that it may be billed."""
+        """Count an attempt that was sent and never read at the most that it may be billed."""
         dearest = Reply("", 0, self._ceiling(request))
         self.day.charge(dearest)
-        self._tally.add("unread")
-        self._tally.add("unread USD", dearest.cost)
+        with self._tally.lock:
+            self._tally.unread += 1
+            self._tally.unread_usd += dearest.cost
         self._ledger.record(request.text, dearest)
 
+    def _share_of_pass(self, request: Request, budget: RunBudget) -> Share:
+        """Return the share of the pass's tokens for one attempt, and count how long it waited."""
+        # A text never has more tokens than bytes, which bounds also the calls before any reply.
+        tokens = min(self.rates.tokens(request.size), PROMPT_TOKENS + request.size)
+        asked = time.monotonic()
+        try:
+            return budget.hold(tokens)
+        finally:
+            with self._tally.lock:
+                self._tally.waited_for_tokens_s += time.monotonic() - asked
+
+    def _share_of_day(self, request: Request, budget: RunBudget) -> Share:
+        """Return the share of the daily cap for one attempt, and count how long it waited."""
+        asked = time.monotonic()
+        try:
+            return self.day.admit(
+                partial(self._cost_bound, request),
+                deadline=None,
+                clock=time.monotonic,
+                stopping=budget.stopping,
+            )
+        finally:
+            with self._tally.lock:
+                self._tally.waited_for_cap_s += time.monotonic() - asked
+
+    def _cost_bound(self, request: Request) -> float:
+        """Return the most the request may cost, in USD; infinite for a kind without a reply."""
+        # Never below the client's own price: after one cheap reply, calls that hold no more than it
+        # cost would be admitted side by side, and each could pass the cap by what it costs above.
+        return max(self.rates.cost(request.size, request.kind), _price(request))
+
     def _ceiling(self, request: Request) -> float:
-        """The most the request may cost, in USD; by the price list while no reply has shown it.
+        """Return the most that the request may cost, in USD; by price for a kind without a reply.
 
         A pass leaves such a call unbounded, and so alone, once for each kind. A tool's call has a
         deadline and cannot wait until nobody else asks.
         """
-        learned = self.rates.cost(request.size, request.kind)
-        if math.isfinite(learned):
-            return learned
-        input_usd = (PROMPT_TOKENS + request.size) * INPUT_TOKEN_USD
-        return input_usd + MAX_OUTPUT_TOKENS * OUTPUT_TOKEN_USD
+        bound = self._cost_bound(request)
+        return bound if math.isfinite(bound) else _price(request)
 
-    def _admitted(self, bound: str, admit: Callable[[], Share]) -> Share:
-        """The share that ``admit`` gives. Counts the seconds that the call waited for it."""
-        asked = time.monotonic()
-        try:
-            return admit()
-        finally:
-            self._tally.add(f"seconds for {bound}", time.monotonic() - asked)
+
+def _price(request: Request) -> float:
+    """Return the most that the request may cost by the client's own price list, in USD."""
+    input_usd = (PROMPT_TOKENS + request.size) * INPUT_TOKEN_USD
+    return input_usd + MAX_OUTPUT_TOKENS * OUTPUT_TOKEN_USD

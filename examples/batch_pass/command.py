@@ -11,6 +11,7 @@ import signal
 import sys
 import time
 from concurrent.futures import ThreadPoolExecutor
+from enum import IntEnum
 from pathlib import Path
 from typing import NoReturn, Sequence
 
@@ -24,10 +25,18 @@ from examples.batch_pass.report import progress_line, summary
 from examples.batch_pass.tally import Tally
 from examples.batch_pass.tool import ask_as_tool
 
-LEDGER_FAILED, USAGE, BOUND_REACHED, ENDPOINT_FAILED, INTERRUPTED = 1, 2, 3, 4, 130
 _LEDGER = "batch_pass/ledger.sqlite3 in $XDG_CACHE_HOME or ~/.cache"
-_STATUSES = """exit status: 0 all requests decided, 1 the ledger failed during the pass, 2 usage or
-unreadable input, 3 a bound was reached, 4 the endpoint failed, 130 interrupted"""
+
+
+class ExitStatus(IntEnum):
+    """How the command ended. ``--help`` shows the numbers with their names."""
+
+    ALL_DECIDED = 0
+    LEDGER_FAILED = 1  # During the pass.
+    BAD_INPUT = 2  # Wrong usage, unreadable requests, or no ledger to start with.
+    BOUND_REACHED = 3
+    ENDPOINT_FAILED = 4
+    INTERRUPTED = 130
 
 
 class InputError(Exception):
@@ -35,12 +44,15 @@ class InputError(Exception):
 
 
 class _Parser(argparse.ArgumentParser):
+    """A parser that tells a mistake in one line."""
+
     def error(self, message: str) -> NoReturn:
-        self.exit(USAGE, f"{self.prog}: {message} (--help shows the usage)\n")
+        self.exit(ExitStatus.BAD_INPUT, f"{self.prog}: {message} (--help shows the usage)\n")
 
 
 # A value that one of these refuses is reported under the name of its function.
 def usd(text: str) -> float:
+    """Return an amount in USD. Raises ``ValueError`` if it is negative or not finite."""
     amount = float(text)
     if not 0.0 <= amount < math.inf:
         raise ValueError
@@ -48,6 +60,7 @@ def usd(text: str) -> float:
 
 
 def count(text: str) -> int:
+    """Return how many calls or tokens. Raises ``ValueError`` if it is negative."""
     number = int(text)
     if number < 0:
         raise ValueError
@@ -55,6 +68,7 @@ def count(text: str) -> int:
 
 
 def threads(text: str) -> int:
+    """Return how many threads. Raises ``ValueError`` if it is not from 1 to 256."""
     number = int(text)
     if not 1 <= number <= 256:
         raise ValueError
@@ -62,14 +76,17 @@ def threads(text: str) -> int:
 
 
 def url(text: str) -> Remote:
+    """Return the endpoint at that address. Raises ``ValueError`` if it is no ``http://`` one."""
     return Remote(text)
 
 
 def _parser() -> argparse.ArgumentParser:
+    """Return the parser of the command line, with the exit statuses below its help."""
+    statuses = [f"{status:d} {status.name.lower().replace('_', ' ')}" for status in ExitStatus]
     parser = _Parser(
         prog="batch_pass",
         description="Decide the requests of a text file, one a line, at a metered endpoint.",
-        epilog=_STATUSES,
+        epilog=f"exit status: {', '.join(statuses)}",
     )
     add = parser.add_argument
     shipped = Path(__file__).with_name("requests.txt")
@@ -85,7 +102,7 @@ def _parser() -> argparse.ArgumentParser:
 
 
 def read_requests(path: Path) -> list[Request]:
-    """The lines of ``path`` that are not blank. Raises ``InputError`` if there are none."""
+    """Return the lines of ``path`` that are not blank. Raises ``InputError`` if there are none."""
     try:
         lines = path.read_text(encoding="utf-8-sig").split("\n")
     except OSError as error:
@@ -99,7 +116,7 @@ def read_requests(path: Path) -> list[Request]:
 
 
 def _print(lines: Sequence[str]) -> None:
-    """Prints to the standard output, whose reader may have had enough."""
+    """Print to the standard output, whose reader may have had enough."""
     try:
         print("\n".join(lines), flush=True)
     except OSError as error:
@@ -109,17 +126,19 @@ def _print(lines: Sequence[str]) -> None:
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
 
 
-def _status(batch: BatchPass) -> int:
+def _status(batch: BatchPass) -> ExitStatus:
+    """Return how a pass that is over ended."""
     if batch.ledger_failure:
-        return LEDGER_FAILED
+        return ExitStatus.LEDGER_FAILED
     if batch.decided == len(batch.requests):
-        return 0
+        return ExitStatus.ALL_DECIDED
     if batch.interrupted:
-        return INTERRUPTED
-    return ENDPOINT_FAILED if batch.unavailable else BOUND_REACHED
+        return ExitStatus.INTERRUPTED
+    return ExitStatus.ENDPOINT_FAILED if batch.unavailable else ExitStatus.BOUND_REACHED
 
 
-def _run(options: argparse.Namespace, ledger: Ledger, remote: Remote) -> int:
+def _run(options: argparse.Namespace, ledger: Ledger, remote: Remote) -> ExitStatus:
+    """Run the pass, with a tool's question beside it, and print the report."""
     tally = Tally()
     progress = Progress()
     logging.basicConfig(level=logging.WARNING, handlers=[progress])
@@ -142,8 +161,8 @@ def _run(options: argparse.Namespace, ledger: Ledger, remote: Remote) -> int:
     return _status(batch)
 
 
-def main(arguments: Sequence[str] | None = None) -> int:
-    """Runs one batch pass as ``arguments`` ask. Returns the exit status."""
+def main(arguments: Sequence[str] | None = None) -> ExitStatus:
+    """Run one batch pass as ``arguments`` ask, and return how it ended."""
     options = _parser().parse_args(arguments)
     with contextlib.ExitStack() as opened:
         try:
@@ -153,6 +172,6 @@ def main(arguments: Sequence[str] | None = None) -> int:
             remote = options.endpoint or Remote(opened.enter_context(Endpoint()).url)
         except (InputError, LedgerError, OSError) as error:
             print(f"batch_pass: {error}", file=sys.stderr)
-            return USAGE
+            return ExitStatus.BAD_INPUT
         status = _run(options, ledger, remote)
     return status

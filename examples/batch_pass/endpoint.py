@@ -37,7 +37,7 @@ class Endpoint(socketserver.ThreadingTCPServer):
     request_queue_size = 128  # The usual 5 makes a burst of connections wait for seconds.
 
     def __init__(self, seed: int = 7, port: int = 0) -> None:
-        """Listens on ``port``, or on any free one if it is 0. Raises ``OSError`` if it is taken."""
+        """Listen on ``port``, or on any free one if it is 0. Raises ``OSError`` if it is taken."""
         super().__init__(("127.0.0.1", port), _Handler)
         self._seed = seed
         self._lock = threading.Lock()
@@ -45,11 +45,11 @@ class Endpoint(socketserver.ThreadingTCPServer):
 
     @property
     def url(self) -> str:
-        """Where clients reach it."""
+        """Return where clients reach it."""
         return f"http://127.0.0.1:{self.server_address[1]}"
 
     def attempt(self, kind: str, text: str) -> tuple[float, dict[str, Any] | None]:
-        """Seconds until the next attempt at ``text`` is answered, and the answer if it is billed.
+        """Return the seconds until the next attempt at ``text`` is answered, and any billed answer.
 
         The seed, the text and how often it was asked decide; from the third time on all goes well.
         A stalled attempt is billed like an answered one, although its client has given up by then.
@@ -73,7 +73,7 @@ class Endpoint(socketserver.ThreadingTCPServer):
         return STALL_S if fate < 0.10 else delay_s, answer
 
     def handle_error(self, request: Any, client_address: Any) -> None:
-        """Reports what went wrong in a handler, unless it is only that the client hung up."""
+        """Report what went wrong in a handler, unless it is only that the client hung up."""
         if not isinstance(sys.exc_info()[1], ConnectionError):
             super().handle_error(request, client_address)
 
@@ -107,7 +107,7 @@ class _Handler(BaseHTTPRequestHandler):
         self.wfile.write(body)
 
     def log_message(self, format: str, *args: Any) -> None:
-        """Keeps the terminal for the client."""
+        """Keep the terminal for the client."""
 
 
 if __name__ == "__main__":

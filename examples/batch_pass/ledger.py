@@ -24,12 +24,12 @@ class LedgerError(Exception):
 
 
 def utc_today() -> str:
-    """Today's UTC date, as ``YYYY-MM-DD``."""
+    """Return today's UTC date, as ``YYYY-MM-DD``."""
     return datetime.now(timezone.utc).date().isoformat()
 
 
 def default_ledger() -> Path:
-    """The ledger in the user's cache directory. Raises ``LedgerError`` if that cannot be made."""
+    """Return the ledger in the user's cache directory. Raises ``LedgerError`` if it cannot be."""
     cache = Path(os.environ.get("XDG_CACHE_HOME") or os.path.expanduser("~/.cache"))
     path = cache / "batch_pass" / "ledger.sqlite3"
     try:
@@ -47,7 +47,7 @@ class Ledger:
     """
 
     def __init__(self, path: Path) -> None:
-        """Opens ``path``, or makes it. A file that is not a ledger is left as it is."""
+        """Open ``path``, or make it. A file that is not a ledger is left as it is."""
         self.path = path
         self._lock = threading.Lock()
         with self._reported("open"):
@@ -62,13 +62,13 @@ class Ledger:
             self._database.execute(_INDEX)
 
     def spent_since(self, day: str) -> float:
-        """What the paid calls since ``day`` (``YYYY-MM-DD``) cost, in USD."""
+        """Return what the paid calls since ``day`` (``YYYY-MM-DD``) cost, in USD."""
         with self._lock, self._reported("read"):
             query = "SELECT total(cost_usd) FROM paid WHERE day >= ?"
             return float(self._database.execute(query, (day,)).fetchone()[0])
 
     def answer(self, request: str) -> Reply | None:
-        """The latest reply that was paid for ``request``, as a cached one; ``None`` if none was."""
+        """Return the latest reply paid for ``request``, as a cached one; ``None`` if none was."""
         with self._lock, self._reported("read"):
             query = (
                 "SELECT decision, input_tokens, cost_usd FROM paid"
@@ -81,18 +81,19 @@ class Ledger:
         return Reply(decision, input_tokens, cost, cached=True)
 
     def record(self, request: str, reply: Reply) -> None:
-        """Records that ``reply`` was paid for ``request`` today."""
+        """Record that ``reply`` was paid for ``request`` today."""
         row = (utc_today(), request, reply.decision, reply.input_tokens, reply.cost)
         with self._lock, self._reported("write"):
             self._database.execute("INSERT INTO paid VALUES (?, ?, ?, ?, ?)", row)
 
     def close(self) -> None:
-        """Closes the file."""
+        """Close the file."""
         with self._lock:
             self._database.close()
 
     @contextmanager
     def _reported(self, doing: str) -> Iterator[None]:
+        """Raise a failure of the database as a ``LedgerError`` that says what it was ``doing``."""
         try:
             yield
         except sqlite3.Error as error:

@@ -23,7 +23,7 @@ class Progress(logging.Handler):
         self._writing = threading.RLock()
 
     def show(self, line: str) -> None:
-        """Replaces the progress line; an empty one removes it."""
+        """Replace the progress line; an empty one removes it."""
         if not self._in_place:
             return
         width = shutil.get_terminal_size().columns - 1
@@ -33,7 +33,7 @@ class Progress(logging.Handler):
             self._shown = line
 
     def emit(self, record: logging.LogRecord) -> None:
-        """Prints the message. The progress line shows again when it is next replaced."""
+        """Print the message. The progress line shows again when it is next replaced."""
         with self._writing:
             self.show("")
             self._write(f"batch_pass: {record.getMessage()}\n")

@@ -35,7 +35,7 @@ class Remote:
     """The endpoint as the client sees it. Every attempt has a connection of its own."""
 
     def __init__(self, url: str) -> None:
-        """Takes a ``http://HOST[:PORT][/PATH]``. Raises ``ValueError`` for anything else."""
+        """Take a ``http://HOST[:PORT][/PATH]``. Raises ``ValueError`` for anything else."""
         address = urlsplit(url)
         if not re.fullmatch("http://[!-~]+", url) or not address.hostname:
             raise ValueError(f"not an http:// address: {url!r}")
@@ -44,7 +44,7 @@ class Remote:
         self._path = address.path.rstrip("/") + "/decide"
 
     def ask(self, kind: str, text: str, timeout_s: float) -> Reply:
-        """Asks once, waiting at most ``timeout_s`` seconds for each step of the exchange.
+        """Ask once, waiting at most ``timeout_s`` seconds for each step of the exchange.
 
         Raises ``NotBilled`` or ``NotRead``, each with a text that says why.
         """
@@ -66,7 +66,7 @@ class Remote:
 
 
 def _reply(body: bytes) -> Reply:
-    """The reply that ``body`` holds. Raises ``NotRead`` if it makes no sense."""
+    """Return the reply that ``body`` holds. Raises ``NotRead`` if it makes no sense."""
     try:
         answer = json.loads(body)
         reply = Reply(

@@ -9,7 +9,7 @@ from examples.batch_pass.tally import Tally
 
 
 def progress_line(batch: BatchPass, client: DecisionClient, cap: float) -> str:
-    """How far ``batch`` is; ``cap`` is the daily cap in USD."""
+    """Say how far ``batch`` is; ``cap`` is the daily cap in USD."""
     budget = batch.budget
     return (
         f"{batch.decided}/{len(batch.requests)} decided, {budget.in_flight} in flight,"
@@ -21,7 +21,7 @@ def progress_line(batch: BatchPass, client: DecisionClient, cap: float) -> str:
 def summary(
     batch: BatchPass, client: DecisionClient, tally: Tally, cap: float, took_s: float
 ) -> list[str]:
-    """The lines that end a pass which took ``took_s`` seconds."""
+    """Return the report on a pass that took ``took_s`` seconds, line by line; ``cap`` in USD."""
     used = batch.budget.summary()
     spent = client.day.spent()
     over = spent - cap
@@ -31,10 +31,10 @@ def summary(
         f" {used['calls']} paid, {used['cache_hits']} from the cache",
         f"Pass      {used['calls']} of {used['max_calls']} calls,"
         f" {used['input_tokens']} of {used['max_tokens']} input tokens, ${used['cost_usd']:.6f}",
-        f"Waited    {tally['seconds for tokens']:.1f} s for tokens,"
-        f" {tally['seconds for the cap']:.1f} s for the cap, all threads together",
-        f"Retries   {tally['retries']:.0f}; {tally['unread']:.0f} replies never read,"
-        f" counted at ${tally['unread USD']:.6f}",
+        f"Waited    {tally.waited_for_tokens_s:.1f} s for tokens,"
+        f" {tally.waited_for_cap_s:.1f} s for the cap, all threads together",
+        f"Retries   {tally.retries}; {tally.unread} replies never read,"
+        f" counted at ${tally.unread_usd:.6f}",
         f"Today     ${spent:.6f} of ${cap:.6f} spent (UTC {utc_today()})",
         f"Cap       passed by ${over:.6f}" if over > 0 else "Cap       not passed",
     ]
@@ -44,6 +44,7 @@ def summary(
 
 
 def _why_undecided(batch: BatchPass, spent: float, cap: float) -> str:
+    """Say what kept requests from their reply; ``spent`` and ``cap`` are today's, in USD."""
     budget = batch.budget
     reasons = {
         "the pass was interrupted": batch.interrupted,

@@ -1,24 +1,18 @@
-"""Sums under plain names, for the report."""
+"""What the calls went through, for the report."""
 
 from __future__ import annotations
 
 import threading
-from collections import defaultdict
+from dataclasses import dataclass, field
 
 
+@dataclass
 class Tally:
-    """Counts and sums that any thread may add to."""
+    """Counts and sums over all the calls of one run. Threads change them with ``lock`` held."""
 
-    def __init__(self) -> None:
-        self._lock = threading.Lock()
-        self._sums: defaultdict[str, float] = defaultdict(float)
-
-    def add(self, name: str, amount: float = 1) -> None:
-        """Adds ``amount`` to the sum of ``name``."""
-        with self._lock:
-            self._sums[name] += amount
-
-    def __getitem__(self, name: str) -> float:
-        """The sum of ``name`` so far, 0 if nothing was added to it."""
-        with self._lock:
-            return self._sums[name]
+    retries: int = 0
+    unread: int = 0  # Attempts that were sent and whose reply was never read.
+    unread_usd: float = 0.0
+    waited_for_tokens_s: float = 0.0
+    waited_for_cap_s: float = 0.0
+    lock: threading.Lock = field(default_factory=threading.Lock, repr=False, compare=False)

@@ -15,7 +15,7 @@ _QUESTION = Request("tool: may the customer on the line get a replacement today?
 
 
 def ask_as_tool(client: DecisionClient, stopping: Callable[[], bool]) -> str:
-    """Asks once, and says in words what became of it."""
+    """Ask once, and say in words what became of it. ``stopping`` ends a wait for the cap."""
     asked = time.monotonic()
     try:
         reply = client.ask(_QUESTION, asked + DEADLINE_S, stopping)
