@@ -18,17 +18,9 @@ from typing import Any
 logger = logging.getLogger(__name__)
 _POLL_S = 0.1
 
-# Loading binds the names in this order, so the import stands below the two constants.
-from engines.decision_errors import (  # noqa: E402
-    DecisionError,
-    DecisionBudgetExceeded,
-    DecisionUnavailable,
-    DecisionTimeout,
-    DecisionStopped,
-    PaidReply,
-    never,
-    _nothing,
-)
+# Loading binds the names in this order, so these imports stand below the two constants.
+from engines.decision_errors import DecisionError, DecisionBudgetExceeded, DecisionUnavailable
+from engines.decision_errors import DecisionTimeout, DecisionStopped, PaidReply, never, _nothing
 
 
 class Share:
@@ -61,17 +53,17 @@ class _Held:
 
     def admits(self, share: float, used: float, limit: float) -> bool:
         """Whether a call may start beside the settled calls' use; infinite shares run alone."""
-        if self.unbounded != 0 or math.isinf(share) and self.holders != 0:
+        if self.unbounded or math.isinf(share) and self.holders:
             return False
         return used + self.amount < limit
 
     def take(self, share: float) -> None:
-        """Add the share of an admitted call; a share that cannot be added changes nothing."""
+        """Add the share of an admitted call; its holder is counted also where that fails."""
+        self.holders += 1
         if math.isinf(share):
             self.unbounded += 1
         else:
             self.amount += share
-        self.holders += 1
 
     def give_back(self, share: float) -> None:
         """Remove the share that an ending call took."""
@@ -80,7 +72,7 @@ class _Held:
             self.unbounded = max(0, self.unbounded - 1)
         else:
             self.amount = max(0.0, self.amount - share)
-        if self.holders == 0:
+        if not self.holders:
             # What the subtractions of floating-point shares left over is held by nobody.
             self.amount = 0.0
 
@@ -196,9 +188,13 @@ class RunBudget:
                     summary = self._summary_locked()
                     raise DecisionBudgetExceeded(f"decision budget exhausted: {summary}")
                 if self._held_tokens.admits(tokens, self.input_tokens, self.max_tokens):
-                    # Taking a share can fail, and then the slot must not be counted.
-                    self._held_tokens.take(tokens)
                     self.in_flight += 1
+                    try:
+                        self._held_tokens.take(tokens)
+                    except BaseException:
+                        self._held_tokens.holders -= 1
+                        self.in_flight -= 1
+                        raise
                     return
                 _wait(self._changed, self.stopping)
 
@@ -288,7 +284,11 @@ class DailySpend:
             while cost < self._cap:
                 held = bound()
                 if self._held.admits(held, cost, self._cap):
-                    self._held.take(held)
+                    try:
+                        self._held.take(held)
+                    except BaseException:
+                        self._held.holders -= 1
+                        raise
                     try:
                         return Share(partial(self._give_back, held))
                     except BaseException:
