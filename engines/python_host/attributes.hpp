@@ -116,7 +116,7 @@ Ref make_type(PyObject* module, const char* qualified_name, PyGetSetDef* attribu
       {0, nullptr},
   };
   PyType_Spec definition = {qualified_name, sizeof(Stored), 0,
-                      Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_HAVE_GC, slots};
+                            Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_HAVE_GC, slots};
   return Ref::checked(PyType_FromModuleAndSpec(module, &definition, nullptr));
 }
 

@@ -37,15 +37,15 @@ int clear(PyObject* object) {
   return 0;
 }
 
+/// However deep such functions are nested, a bound lies between two of them, whose end is not
+/// nested (instance.hpp).
 void dealloc(PyObject* object) {
   PyTypeObject* type = Py_TYPE(object);
   PyObject_GC_UnTrack(object);
-  Py_TRASHCAN_BEGIN(object, dealloc)
   clear(object);
   Py_CLEAR(give_back_of(object)->module);
   type->tp_free(object);
   Py_DECREF(type);
-  Py_TRASHCAN_END
 }
 
 /// The reply, by position or by its name.
