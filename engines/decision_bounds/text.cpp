@@ -30,7 +30,7 @@ std::string shortest_text(double value) {
     const auto end = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value, form).ptr;
     return std::string(buffer.data(), end);
   };
-  const std::string scientific = format(std::chars_format::scientific);
+  std::string scientific = format(std::chars_format::scientific);
   const int exponent = std::atoi(scientific.c_str() + scientific.find('e') + 1);
   if (exponent < -4 || exponent >= 16) {
     return scientific;

@@ -75,7 +75,7 @@ template <typename Bound>
 PyObject* get_state(PyObject* object, PyObject* /*none*/) {
   try {
     const Ref fields = Ref::checked(PyDict_New());
-    for (const Field& field : fields_of<Bound>) {
+    for (const Field& field : fields_of<Bound>()) {
       if (PyObject* value = get_field<Bound>(object, const_cast<Field*>(&field))) {
         check(PyDict_SetItemString(fields.get(), field.name, Ref::checked(value).get()));
       } else {

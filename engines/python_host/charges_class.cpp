@@ -44,7 +44,9 @@ constexpr Definition operations[] = {
 }  // namespace
 
 template <>
-const std::span<const Field> fields_of<HostCharges> = fields;
+std::span<const Field> fields_of<HostCharges>() {
+  return fields;
+}
 
 void bind_charges(State* state) {
   bind_class(state, declaration,

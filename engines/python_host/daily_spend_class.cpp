@@ -95,7 +95,9 @@ constexpr Definition operations[] = {
 }  // namespace
 
 template <>
-const std::span<const Field> fields_of<HostSpend> = fields;
+std::span<const Field> fields_of<HostSpend>() {
+  return fields;
+}
 
 void bind_daily_spend(State* state) {
   bind_class(state, declaration,

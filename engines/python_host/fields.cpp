@@ -6,7 +6,8 @@ Function GiveBackSlot::exchange_for_none() {
   if (get() == nullptr) {
     value_of(*this);  // raises
   }
-  return Function(std::exchange(static_cast<Ref&>(*this), none()));
+  Ref taken = std::exchange(static_cast<Ref&>(*this), none());
+  return Function(std::move(taken));
 }
 
 bool Features::contains(const Ref& feature) const {

@@ -51,7 +51,9 @@ constexpr Definition operations[] = {
 }  // namespace
 
 template <>
-const std::span<const Field> fields_of<HostHeld> = fields;
+std::span<const Field> fields_of<HostHeld>() {
+  return fields;
+}
 
 void bind_held(State* state) {
   bind_class(state, declaration,

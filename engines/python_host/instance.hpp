@@ -21,7 +21,7 @@ struct Field {
 
 /// The fields of a bound, all of them, in the order of the constructor. Defined beside its class.
 template <typename Bound>
-extern const std::span<const Field> fields_of;
+std::span<const Field> fields_of();
 
 template <typename Bound>
 struct Instance {
@@ -42,7 +42,7 @@ struct Instance {
     Instance* self = of(object);
     Py_VISIT(Py_TYPE(object));
     Py_VISIT(self->dict);
-    for (const Field& field : fields_of<Bound>) {
+    for (const Field& field : fields_of<Bound>()) {
       Py_VISIT(self->object_in(field));
     }
     return 0;
@@ -51,7 +51,7 @@ struct Instance {
   static int clear(PyObject* object) {
     Instance* self = of(object);
     Py_CLEAR(self->dict);
-    for (const Field& field : fields_of<Bound>) {
+    for (const Field& field : fields_of<Bound>()) {
       Py_CLEAR(self->object_in(field));
     }
     return 0;

@@ -16,7 +16,7 @@ PyTypeObject* type_of(const Ref& type) { return reinterpret_cast<PyTypeObject*>(
 /// A special method of an object, looked up on its type and bound, as the `with` statement does.
 Ref special_method(const Ref& object, const char* name) {
   const Ref key = Ref::checked(PyUnicode_InternFromString(name));
-  const Ref function = Ref::to(_PyType_Lookup(Py_TYPE(object.get()), key.get()));
+  Ref function = Ref::to(_PyType_Lookup(Py_TYPE(object.get()), key.get()));
   if (function.get() == nullptr) {
     PyErr_Format(PyExc_AttributeError, "'%.100s' object has no attribute '%s'",
                  Py_TYPE(object.get())->tp_name, name);

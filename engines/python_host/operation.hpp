@@ -61,7 +61,7 @@ decltype(auto) argument_for(const Python& host, const Arguments& arguments, std:
 template <typename Bound, typename... Parameters, typename Operation, std::size_t... index>
 Ref call_operation(Operation operation, const Python& host, const Arguments& arguments,
                    std::index_sequence<index...> /*parameters*/) {
-  Bound& self = arguments.self<Bound>();
+  auto& self = arguments.self<Bound>();
   return returned(
       [&] { return (self.*operation)(argument_for<Parameters>(host, arguments, index + 1)...); });
 }

@@ -2,6 +2,7 @@
 
 /// The bounds in the interpreter: numbers, locks and callbacks are its objects.
 
+#include <span>
 #include <type_traits>
 
 #include "decision_bounds/charges.hpp"
@@ -101,6 +102,19 @@ struct Python {
   }
   Ref share_of(Ref give_back) const;
 };
+
+template <>
+std::span<const Field> fields_of<Share<GiveBackSlot>>();
+template <>
+std::span<const Field> fields_of<Held<Python>>();
+template <>
+std::span<const Field> fields_of<Charges<Python>>();
+template <>
+std::span<const Field> fields_of<RequestRates<Python>>();
+template <>
+std::span<const Field> fields_of<RunBudget<Python>>();
+template <>
+std::span<const Field> fields_of<DailySpend<Python>>();
 
 auto Python::locked(const Ref& lock, const auto& block) const -> decltype(block()) {
   using Result = decltype(block());

@@ -8,7 +8,7 @@ namespace decision_bounds::python {
 
 bool HeldRecord::admits(const Number& share, const Number& used, const Number& limit) const {
   const Ref record = value_of(*this);
-  if (const Held<Python>* held = exact_bound<Held<Python>>(record)) {
+  if (auto* held = exact_bound<Held<Python>>(record)) {
     return held->admits(share, used, limit);
   }
   return truth(call_method("admits", record, Ref(share), Ref(used), Ref(limit)));
@@ -16,7 +16,7 @@ bool HeldRecord::admits(const Number& share, const Number& used, const Number& l
 
 void HeldRecord::take_or_nothing(const Number& share) const {
   const Ref record = value_of(*this);
-  if (Held<Python>* held = exact_bound<Held<Python>>(record)) {
+  if (auto* held = exact_bound<Held<Python>>(record)) {
     held->take_or_nothing(share);
   } else {
     call_method("take", record, Ref(share));
@@ -25,7 +25,7 @@ void HeldRecord::take_or_nothing(const Number& share) const {
 
 void HeldRecord::give_back(const Number& share) const {
   const Ref record = value_of(*this);
-  if (Held<Python>* held = exact_bound<Held<Python>>(record)) {
+  if (auto* held = exact_bound<Held<Python>>(record)) {
     held->give_back(share);
   } else {
     call_method("give_back", record, Ref(share));
@@ -34,7 +34,7 @@ void HeldRecord::give_back(const Number& share) const {
 
 Number ChargesRecord::bound(const Number& size) const {
   const Ref record = value_of(*this);
-  if (const Charges<Python>* charges = exact_bound<Charges<Python>>(record)) {
+  if (auto* charges = exact_bound<Charges<Python>>(record)) {
     return charges->bound(size);
   }
   return call_method("bound", record, Ref(size));
@@ -42,7 +42,7 @@ Number ChargesRecord::bound(const Number& size) const {
 
 void ChargesRecord::learn(const Number& size, const Number& charge) const {
   const Ref record = value_of(*this);
-  if (Charges<Python>* charges = exact_bound<Charges<Python>>(record)) {
+  if (auto* charges = exact_bound<Charges<Python>>(record)) {
     charges->learn(size, charge);
   } else {
     call_method("learn", record, Ref(size), Ref(charge));

@@ -65,7 +65,9 @@ constexpr Definition operations[] = {
 }  // namespace
 
 template <>
-const std::span<const Field> fields_of<HostRates> = fields;
+std::span<const Field> fields_of<HostRates>() {
+  return fields;
+}
 
 void bind_request_rates(State* state) {
   bind_class(state, declaration,

@@ -101,7 +101,9 @@ constexpr Definition operations[] = {
 }  // namespace
 
 template <>
-const std::span<const Field> fields_of<HostBudget> = fields;
+std::span<const Field> fields_of<HostBudget>() {
+  return fields;
+}
 
 void bind_run_budget(State* state) {
   bind_class(state, declaration,

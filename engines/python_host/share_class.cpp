@@ -66,7 +66,9 @@ constexpr Definition operations[] = {
 }  // namespace
 
 template <>
-const std::span<const Field> fields_of<HostShare> = fields;
+std::span<const Field> fields_of<HostShare>() {
+  return fields;
+}
 
 void bind_share(State* state) {
   const Ref type = make_type<HostShare>(state->module, "decision_bounds.Share", attributes.data());
