@@ -6,8 +6,7 @@ Function GiveBackSlot::exchange_for_none() {
   if (get() == nullptr) {
     value_of(*this);  // raises
   }
-  Ref taken = std::exchange(static_cast<Ref&>(*this), none());
-  return Function(std::move(taken));
+  return Function(std::exchange(static_cast<Ref&>(*this), none()));
 }
 
 bool Features::contains(const Ref& feature) const {
