@@ -12,14 +12,13 @@
 
 namespace decision_bounds::python {
 
-/// Calls `function` with so many arguments and returns a new reference. Counts one level of
-/// recursion: a share that settles a share that settles a share, and so on, ends in the
-/// interpreter's `RecursionError` and not in an overflow of the stack.
-Ref call_counted(PyObject* function, PyObject** arguments, std::size_t count,
-                 PyObject* keywords = nullptr);
+/// Calls `function` with so many arguments, before which a place is free, and returns a new
+/// reference.
+Ref call_vector(PyObject* function, PyObject** arguments, std::size_t count,
+                PyObject* keywords = nullptr);
 
 /// Calls the attribute `name` of the first of the arguments with the others.
-Ref call_method_counted(PyObject* name, PyObject** arguments, std::size_t count);
+Ref call_method_vector(PyObject* name, PyObject** arguments, std::size_t count);
 
 /// Calls `function`. Raises `AttributeError` where it, or an argument, is a field that is not set.
 template <typename... Arguments>
@@ -30,7 +29,7 @@ Ref call(const Ref& function, const Arguments&... arguments) {
       [&](const auto&... each) {
         // The callee may write to the free first place: a bound method puts its object there.
         std::array<PyObject*, sizeof...(each) + 1> places = {nullptr, each.get()...};
-        return call_counted(called.get(), places.data() + 1, sizeof...(each));
+        return call_vector(called.get(), places.data() + 1, sizeof...(each));
       },
       held);
 }
@@ -42,7 +41,7 @@ Ref call_method(PyObject* name, const Ref& object, const Arguments&... arguments
   return std::apply(
       [&](const auto&... each) {
         std::array<PyObject*, sizeof...(each)> places = {each.get()...};
-        return call_method_counted(name, places.data(), places.size());
+        return call_method_vector(name, places.data(), places.size());
       },
       held);
 }

@@ -69,6 +69,7 @@ void bind_class(State* state, const Declaration& declaration, const Ref& type,
                 std::span<const Field> fields, std::span<const Definition> operations) {
   const Ref declared = declare(state, declaration);
   set(type, "__module__", attribute(declared, "__module__"));
+  set(type, "__name__", interned(declaration.name));  // without the module, as error texts have it
   set(type, "__doc__", attribute(declared, "__doc__"));
   for (const Definition& operation : operations) {
     set(type, operation.name,

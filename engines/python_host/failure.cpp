@@ -1,5 +1,10 @@
 #include "python_host/failure.hpp"
 
+#if PY_VERSION_HEX >= 0x030D0000
+// Exported for the interpreter's own extension modules, and declared in a header of its own only.
+extern "C" void _PyTraceback_Add(const char* function, const char* file, int line);
+#endif
+
 namespace decision_bounds::python {
 
 #if PY_VERSION_HEX >= 0x030C0000
@@ -19,7 +24,7 @@ Failure Failure::take() {
   PyObject* exception = nullptr;
   PyObject* traceback = nullptr;
   PyErr_Fetch(&type, &exception, &traceback);
-  PyErr_NormalizeException(&type, &exception, &traceback);
+  host_call([&] { PyErr_NormalizeException(&type, &exception, &traceback); });
   if (traceback != nullptr) {
     PyException_SetTraceback(exception, traceback);
   }
@@ -42,12 +47,18 @@ Ref Failure::traceback() const {
   return traceback == nullptr ? Ref() : Ref::checked(traceback);
 }
 
-void Failure::become_context() {
-  Failure newer = take();
-  if (newer.exception_.get() != exception_.get()) {
-    PyException_SetContext(newer.exception_.get(), exception_.release());
-  }
-  newer.restore();
+void add_to_traceback(const char* function) {
+  host_call([&] { _PyTraceback_Add(function, "<decision_bounds>", 1); });
+}
+
+Handling::Handling(const Failure& failure) {
+  PyErr_GetExcInfo(&type_, &exception_, &traceback_);
+  PyErr_SetExcInfo(failure.type().release(), Ref(failure.exception()).release(),
+                   failure.traceback().release());
+}
+
+Handling::~Handling() {
+  host_call([&] { PyErr_SetExcInfo(type_, exception_, traceback_); });
 }
 
 }  // namespace decision_bounds::python

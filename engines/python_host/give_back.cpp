@@ -59,8 +59,8 @@ PyObject* only_argument(PyObject* const* arguments, Py_ssize_t positional, PyObj
   throw Raised{};
 }
 
-PyObject* vectorcall(PyObject* callable, PyObject* const* arguments, std::size_t flags,
-                     PyObject* keywords) {
+PyObject* run(PyObject* callable, PyObject* const* arguments, std::size_t flags,
+              PyObject* keywords) {
   try {
     GiveBack* self = give_back_of(callable);
     PyObject* reply = only_argument(arguments, PyVectorcall_NARGS(flags), keywords);
@@ -72,6 +72,17 @@ PyObject* vectorcall(PyObject* callable, PyObject* const* arguments, std::size_t
   } catch (const std::bad_alloc&) {
     return PyErr_NoMemory();
   }
+}
+
+/// Counts one level of recursion, as an operation does.
+PyObject* vectorcall(PyObject* callable, PyObject* const* arguments, std::size_t flags,
+                     PyObject* keywords) {
+  if (Py_EnterRecursiveCall(" while giving back a share of a bound") != 0) {
+    return nullptr;
+  }
+  PyObject* result = run(callable, arguments, flags, keywords);
+  Py_LeaveRecursiveCall();
+  return result;
 }
 
 PyMemberDef members[] = {

@@ -61,6 +61,11 @@ struct Instance {
   /// one after the other and not one inside the other.
   static void dealloc(PyObject* object) {
     PyTypeObject* type = Py_TYPE(object);
+    // A `__del__` set on the class itself; a subclass has seen to its own.
+    if (type->tp_finalize != nullptr && type->tp_dealloc == dealloc &&
+        PyObject_CallFinalizerFromDealloc(object) < 0) {
+      return;  // revived
+    }
     PyObject_GC_UnTrack(object);
     Py_TRASHCAN_BEGIN(object, dealloc)
     if (of(object)->weak_references != nullptr) {
@@ -87,16 +92,25 @@ Bound* exact_bound(const Ref& object) {
                                                      : nullptr;
 }
 
-/// The bound in an object of its class or of a subclass; raises `TypeError` for any other object.
+/// The bound in an object of its class or of a subclass; null for any other object.
 template <typename Bound>
-Bound& bound_of(PyObject* object) {
+Bound* stored_bound(PyObject* object) {
   const PyTypeObject* type = Py_TYPE(object);
   do {
     if (is_exact_type<Bound>(type)) {
-      return Instance<Bound>::of(object)->bound;
+      return &Instance<Bound>::of(object)->bound;
     }
     type = type->tp_base;
   } while (type != nullptr);
+  return nullptr;
+}
+
+/// The same; raises `TypeError` for any other object.
+template <typename Bound>
+Bound& bound_of(PyObject* object) {
+  if (Bound* bound = stored_bound<Bound>(object)) {
+    return *bound;
+  }
   PyErr_Format(PyExc_TypeError, "the operation does not belong to '%.100s' objects",
                Py_TYPE(object)->tp_name);
   throw Raised{};

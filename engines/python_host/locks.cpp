@@ -26,8 +26,9 @@ Ref special_method(const Ref& object, const char* name) {
   if (bind == nullptr) {
     return function;
   }
-  return Ref::checked(
-      bind(function.get(), object.get(), reinterpret_cast<PyObject*>(Py_TYPE(object.get()))));
+  return Ref::checked(host_call([&] {
+    return bind(function.get(), object.get(), reinterpret_cast<PyObject*>(Py_TYPE(object.get())));
+  }));
 }
 
 /// The C function behind a method of a type, where it takes its arguments as `flags` say.
@@ -70,7 +71,8 @@ void Entered::leave() {
 bool Entered::leave_failed() {
   Failure failure = Failure::take();
   bool swallowed = false;
-  try {
+  {
+    const Handling handling(failure);
     if (release_ != nullptr) {
       leave();
     } else {
@@ -78,9 +80,6 @@ bool Entered::leave_failed() {
       swallowed = truth(call(exit_, failure.type(), failure.exception(),
                              traceback.get() == nullptr ? Ref::none() : traceback));
     }
-  } catch (const Raised&) {
-    failure.become_context();
-    throw;
   }
   if (!swallowed) {
     failure.restore();

@@ -69,7 +69,9 @@ Py_ssize_t parameter_named(const Operation& self, PyObject* keyword) {
     }
   }
   for (Py_ssize_t index = 0; index < self.parameters; ++index) {
-    const int equal = PyObject_RichCompareBool(keyword, PyTuple_GET_ITEM(self.names, index), Py_EQ);
+    const int equal = host_call([&] {
+      return PyObject_RichCompareBool(keyword, PyTuple_GET_ITEM(self.names, index), Py_EQ);
+    });
     check(equal);
     if (equal != 0) {
       return index;
@@ -134,8 +136,8 @@ bool bind(const Operation& self, PyObject* const* arguments, Py_ssize_t given, P
   return true;
 }
 
-PyObject* vectorcall(PyObject* callable, PyObject* const* arguments, std::size_t flags,
-                     PyObject* keywords) {
+PyObject* run(PyObject* callable, PyObject* const* arguments, std::size_t flags,
+              PyObject* keywords) {
   const Operation& self = *operation_of(callable);
   const Py_ssize_t given = PyVectorcall_NARGS(flags);
   try {
@@ -148,7 +150,8 @@ PyObject* vectorcall(PyObject* callable, PyObject* const* arguments, std::size_t
       return self.body(host, Arguments(places)).release();
     }
     // The declared function does not take them either, and words the error as the host does.
-    Ref::checked(PyObject_Vectorcall(self.declared, arguments, flags, keywords));
+    Ref::checked(
+        host_call([&] { return PyObject_Vectorcall(self.declared, arguments, flags, keywords); }));
     PyErr_SetString(PyExc_SystemError, "the arguments do not fit");
     return nullptr;
   } catch (const Raised&) {
@@ -156,6 +159,19 @@ PyObject* vectorcall(PyObject* callable, PyObject* const* arguments, std::size_t
   } catch (const std::bad_alloc&) {
     return PyErr_NoMemory();
   }
+}
+
+/// Counts one level of recursion: operations that come to call each other through the C code of the
+/// interpreter alone (a share that settles a share, and so on) end in its `RecursionError`, not in
+/// an overflow of the stack.
+PyObject* vectorcall(PyObject* callable, PyObject* const* arguments, std::size_t flags,
+                     PyObject* keywords) {
+  if (Py_EnterRecursiveCall(" while calling an operation of a bound") != 0) {
+    return nullptr;
+  }
+  PyObject* result = run(callable, arguments, flags, keywords);
+  Py_LeaveRecursiveCall();
+  return result;
 }
 
 PyObject* bind_to_object(PyObject* operation, PyObject* object, PyObject* /*type*/) {

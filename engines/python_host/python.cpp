@@ -50,7 +50,7 @@ void Python::wait(const Ref& changed, const Ref& stopping, const Ref& deadline,
   const Ref condition = value_of(changed);
   std::array<PyObject*, 5> places = {nullptr, condition.get(), stopping.get(), deadline.get(),
                                      clock.get()};
-  call_counted(function.get(), places.data() + 1, 2, state->deadline_and_clock.get());
+  call_vector(function.get(), places.data() + 1, 2, state->deadline_and_clock.get());
 }
 
 Ref Python::stop_function(const RunBudget<Python>& budget) const {
@@ -106,7 +106,7 @@ void Python::warn_of_error(const char* text, const Ref& day, const Ref& error) c
   const Ref warning = property(state->global(Name::logger), state->name(Name::warning));
   const Ref message = text_of(text);
   std::array<PyObject*, 4> places = {nullptr, message.get(), day.get(), error.get()};
-  call_counted(warning.get(), places.data() + 1, 2, state->exc_info.get());
+  call_vector(warning.get(), places.data() + 1, 2, state->exc_info.get());
 }
 
 }  // namespace python

@@ -66,7 +66,7 @@ struct Python {
   }
   Number cost(const Ref& reply) const { return property(reply, state->name(Name::cost)); }
 
-  /// Runs the block as a `with` statement of the lock does. Returns nothing where the lock swallows
+  /// Runs the block as a `with` statement of the lock does. Returns None where the lock swallows
   /// the block's error.
   auto locked(const Ref& lock, const auto& block) const -> decltype(block());
   void notify_all(const Ref& changed) const { state->locks.notify_all(changed); }
@@ -127,11 +127,16 @@ auto Python::locked(const Ref& lock, const auto& block) const -> decltype(block(
     } else {
       block();
       entered.leave();
+      return;
     }
   } catch (const Raised&) {
-    if (entered.is_left() || !entered.leave_failed()) {
-      throw;
-    }
+  }
+  if (entered.is_left() || !entered.leave_failed()) {
+    throw Raised{};
+  }
+  if constexpr (std::is_constructible_v<Result, Ref>) {
+    return Result(Ref::none());
+  } else {
     return Result();
   }
 }

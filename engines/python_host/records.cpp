@@ -18,6 +18,9 @@ void HeldRecord::take_or_nothing(const Number& share) const {
   const Ref record = value_of(*this);
   if (auto* held = exact_bound<Held<Python>>(record)) {
     held->take_or_nothing(share);
+  } else if (auto* inherited = stored_bound<Held<Python>>(record.get())) {
+    const Held<Python> before = *inherited;
+    on_failure([&] { call_method("take", record, Ref(share)); }, [&] { *inherited = before; });
   } else {
     call_method("take", record, Ref(share));
   }
