@@ -37,6 +37,16 @@ PyObject* get_field(PyObject* object, void* closure) {
   }
 }
 
+template <typename Bound>
+void store(PyObject* object, const Field& field, Ref value) {
+  Instance<Bound>* self = Instance<Bound>::of(object);
+  if (field.kind == Field::Kind::number) {
+    self->number_in(field) = Number(std::move(value));
+  } else {
+    self->reference_in(field) = std::move(value);
+  }
+}
+
 /// Sets a field to any object, or deletes it.
 template <typename Bound>
 int set_field(PyObject* object, PyObject* value, void* closure) {
@@ -47,14 +57,24 @@ int set_field(PyObject* object, PyObject* value, void* closure) {
     }
     Py_DECREF(present);
   }
-  const Field& field = *static_cast<const Field*>(closure);
-  Instance<Bound>* self = Instance<Bound>::of(object);
-  if (field.kind == Field::Kind::number) {
-    self->number_in(field) = Number(Ref::to(value));
-  } else {
-    self->reference_in(field) = Ref::to(value);
-  }
+  store<Bound>(object, *static_cast<const Field*>(closure), Ref::to(value));
   return 0;
+}
+
+/// Sets any attribute. Where a subclass declares a field again, with a default of its own, the name
+/// is the subclass's, and what is set goes to the object's dictionary; the bound is to have it as
+/// well.
+template <typename Bound>
+int set_attribute(PyObject* object, PyObject* name, PyObject* value) {
+  const int status = PyObject_GenericSetAttr(object, name, value);
+  if (status == 0 && !is_exact_type<Bound>(Py_TYPE(object))) {
+    for (const Field& field : fields_of<Bound>()) {
+      if (PyUnicode_CompareWithASCIIString(name, field.name) == 0) {
+        store<Bound>(object, field, Ref::to(value));
+      }
+    }
+  }
+  return status;
 }
 
 /// The attributes of a class: its fields and `__dict__`. The type points at them.
@@ -112,6 +132,7 @@ Ref make_type(PyObject* module, const char* qualified_name, PyGetSetDef* attribu
       {Py_tp_clear, reinterpret_cast<void*>(Stored::clear)},
       {Py_tp_members, members},
       {Py_tp_getset, attributes},
+      {Py_tp_setattro, reinterpret_cast<void*>(set_attribute<Bound>)},
       {Py_tp_methods, state_methods<Bound>},
       {0, nullptr},
   };
