@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include "python_host/recursion.hpp"
 #include "python_host/state.hpp"
 
 namespace decision_bounds::python {
@@ -74,15 +75,9 @@ PyObject* run(PyObject* callable, PyObject* const* arguments, std::size_t flags,
   }
 }
 
-/// Counts one level of recursion, as an operation does.
 PyObject* vectorcall(PyObject* callable, PyObject* const* arguments, std::size_t flags,
                      PyObject* keywords) {
-  if (Py_EnterRecursiveCall(" while giving back a share of a bound") != 0) {
-    return nullptr;
-  }
-  PyObject* result = run(callable, arguments, flags, keywords);
-  Py_LeaveRecursiveCall();
-  return result;
+  return count_recursion([&] { return run(callable, arguments, flags, keywords); });
 }
 
 PyMemberDef members[] = {

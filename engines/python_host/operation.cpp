@@ -4,6 +4,7 @@
 #include <new>
 
 #include "python_host/imports.hpp"
+#include "python_host/recursion.hpp"
 
 namespace decision_bounds::python {
 
@@ -161,17 +162,9 @@ PyObject* run(PyObject* callable, PyObject* const* arguments, std::size_t flags,
   }
 }
 
-/// Counts one level of recursion: operations that come to call each other through the C code of the
-/// interpreter alone (a share that settles a share, and so on) end in its `RecursionError`, not in
-/// an overflow of the stack.
 PyObject* vectorcall(PyObject* callable, PyObject* const* arguments, std::size_t flags,
                      PyObject* keywords) {
-  if (Py_EnterRecursiveCall(" while calling an operation of a bound") != 0) {
-    return nullptr;
-  }
-  PyObject* result = run(callable, arguments, flags, keywords);
-  Py_LeaveRecursiveCall();
-  return result;
+  return count_recursion([&] { return run(callable, arguments, flags, keywords); });
 }
 
 PyObject* bind_to_object(PyObject* operation, PyObject* object, PyObject* /*type*/) {

@@ -104,6 +104,7 @@ class CallbacksTest(unittest.TestCase):
             assert record.exc_info
             self.assertIs(record.exc_info[0], kind)
             self.assertIs(type(record.exc_info[1]), kind)
+            self.assertIsNotNone(record.exc_info[2])
         for interrupt in (KeyboardInterrupt, SystemExit, GeneratorExit):
             spend = account(ledger=mock.Mock(side_effect=[interrupt, "2.5"]))
             self.assertRaises(interrupt, spend.spent)
@@ -140,6 +141,14 @@ class CallbacksTest(unittest.TestCase):
             self.assertEqual(budget, bounds.RunBudget(9, 9))
             self.assertEqual(budget._held_tokens, bounds._Held(holders))
             self.assertEqual(spend._held, bounds._Held(holders))
+
+    def test_a_subclass_of_the_tally_holds_nothing_more_either(self) -> None:
+        class Tally(bounds._Held):  # type: ignore[misc]
+            pass
+
+        budget = bounds.RunBudget(9, 9, _held_tokens=Tally())
+        self.assertRaises(TypeError, budget.reserve, Decimal(1))
+        self.assertEqual(budget._held_tokens, Tally())
 
     def test_a_share_that_cannot_be_added_has_its_holder_counted(self) -> None:
         held = bounds._Held(1, 0.5)

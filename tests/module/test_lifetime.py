@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import dataclasses
 import gc
 import sys
 import unittest
@@ -80,6 +81,34 @@ class LifetimeTest(unittest.TestCase):
             held = bounds._Held(amount=held)
         self.assertRaises(RecursionError, share.settle, None)
         self.assertRaises(RecursionError, repr, held)
+
+    def test_operations_that_call_each_other_for_ever_end_in_an_error(self) -> None:
+        spend, held = account(), bounds._Held()
+
+        class Reading:
+            cost = property(spend.charge)
+
+        class Converting:
+            pass
+
+        looping = Converting()
+        Converting.__float__ = staticmethod(partial(held.take, looping))  # type: ignore[attr-defined]
+        self.assertRaises(RecursionError, spend.charge, Reading())
+        self.assertRaises(RecursionError, held.take, looping)
+        self.assertTrue(is_free(spend._changed))
+
+    def test_a_subclass_may_declare_a_field_again(self) -> None:
+        @dataclasses.dataclass
+        class Small(bounds.RunBudget):  # type: ignore[misc]
+            max_calls: int = 1
+            max_tokens: int = 9
+
+        small = Small()
+        small.reserve()
+        self.assertTrue(small.exhausted())
+        small.max_calls = 2
+        small.reserve()
+        self.assertEqual(small.in_flight, 2)
 
     def test_missing_fields_are_attribute_errors(self) -> None:
         for make, use, fields in (

@@ -30,6 +30,25 @@ for call in [budget.reserve, admit] * 3:
 time.sleep(0.05)
 """
 
+# A ledger that fails each day, whose warning is slow to be logged: most of the time is spent there.
+EXIT_WITH_FAILURES = """
+import itertools, logging, threading, time
+from engines import decision_bounds as bounds
+class Slow(logging.Handler):
+    def emit(self, record):
+        time.sleep(0.0005)
+bounds.logger.addHandler(Slow())
+bounds.logger.propagate = False
+def spend_for_ever():
+    days = map(str, itertools.count())
+    spend = bounds.DailySpend(1.0, lambda: next(days), lambda day: 1 / 0)
+    while True:
+        spend.spent()
+for _ in range(3):
+    threading.Thread(target=spend_for_ever, daemon=True).start()
+time.sleep(0.05)
+"""
+
 ENTERED = ["enter", "exit"]
 NOTIFIED = ["enter", "notify_all", "exit"]
 
@@ -226,7 +245,7 @@ class ThreadsTest(unittest.TestCase):
         self.assertEqual(budget.in_flight, 0)
 
     def test_the_interpreter_ends_while_threads_wait(self) -> None:
-        command = [sys.executable, "-c", EXIT_WITH_WAITERS]
-        for ended in [Popen(command, stderr=PIPE) for _ in range(8)]:
+        programs = [EXIT_WITH_WAITERS, EXIT_WITH_FAILURES] * 6
+        for ended in [Popen([sys.executable, "-c", each], stderr=PIPE) for each in programs]:
             self.assertEqual(ended.communicate(timeout=PATIENCE_S)[1], b"")
             self.assertEqual(ended.returncode, 0)
