@@ -34,7 +34,7 @@ struct Function : Optional {
 bool is_never(PyObject* object);
 
 /// A function that returns true where a pass was asked to stop. A `never`, the default, is not
-/// called: nobody sees the difference, and it saves 8 % of a reserve+charge pair.
+/// called: nobody sees the difference, and it saves 6 % of a reserve+charge pair.
 struct StopFunction : Ref {
   StopFunction() = default;
   explicit StopFunction(Ref ref) : Ref(std::move(ref)) {}

@@ -155,7 +155,7 @@ const HostLocks::Inside* HostLocks::inside(const Ref& condition) {
   Inside& seen = seen_[(reinterpret_cast<std::uintptr_t>(*attributes) / 16) % seen_.size()];
 #if PY_VERSION_HEX < 0x030C0000
   // Every state of every dictionary has a number of its own. That saves two look-ups in three, and
-  // a tenth of a reserve+charge pair.
+  // a seventh of a reserve+release pair.
   const std::uint64_t version = reinterpret_cast<PyDictObject*>(*attributes)->ma_version_tag;
   if (seen.version == version) {
     return &seen;

@@ -5,7 +5,7 @@
 ///
 /// One enter, wake-all and leave of a `threading.Condition` is six calls into functions of the
 /// host's language. For an exact condition over an exact reentrant lock the inner lock is taken and
-/// given up directly, and the wake-all is left out where nobody waits: the two save three quarters
+/// given up directly, and the wake-all is left out where nobody waits: the two save seven eighths
 /// of a reserve+charge pair.
 
 #include <array>

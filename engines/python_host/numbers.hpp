@@ -4,7 +4,7 @@
 ///
 /// The value of an exact float, and of an exact int that a double holds exactly, is kept beside the
 /// object, and so are the results of two such: they become objects only where the interpreter looks
-/// at them. That and nothing else is the short way: it takes half the time of a reserve+charge
+/// at them. That and nothing else is the short way: it saves nearly half of a reserve+charge
 /// pair.
 
 #include <cmath>
