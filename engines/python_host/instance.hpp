@@ -108,7 +108,7 @@ Bound* stored_bound(PyObject* object) {
 /// The same; raises `TypeError` for any other object.
 template <typename Bound>
 Bound& bound_of(PyObject* object) {
-  if (Bound* bound = stored_bound<Bound>(object)) {
+  if (auto* bound = stored_bound<Bound>(object)) {
     return *bound;
   }
   PyErr_Format(PyExc_TypeError, "the operation does not belong to '%.100s' objects",
