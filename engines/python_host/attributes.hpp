@@ -5,6 +5,7 @@
 #include <array>
 #include <cstddef>
 #include <type_traits>
+#include <utility>
 
 #include "python_host/imports.hpp"
 #include "python_host/instance.hpp"
@@ -15,6 +16,7 @@
 
 namespace decision_bounds::python {
 
+/// What a member of this type stores.
 template <typename Member>
 constexpr Field::Kind kind_of =
     std::is_same_v<Member, Number> ? Field::Kind::number : Field::Kind::object;
@@ -37,6 +39,7 @@ PyObject* get_field(PyObject* object, void* closure) {
   }
 }
 
+/// Puts an object into a field, or nothing.
 template <typename Bound>
 void store(PyObject* object, const Field& field, Ref value) {
   Instance<Bound>* self = Instance<Bound>::of(object);

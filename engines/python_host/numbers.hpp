@@ -9,6 +9,7 @@
 
 #include <cmath>
 #include <functional>
+#include <utility>
 
 #include "python_host/ref.hpp"
 
