@@ -20,8 +20,8 @@ struct DailySpend {
   using Flag = typename H::Flag;
 
   Amount cap{};                      ///< What the calls of one day may cost, USD.
-  typename H::DateFunction today{};  ///< Answers today's UTC date, compared only for equality.
-  typename H::Ledger ledger{};       ///< Answers what was paid since a date, USD; may be absent.
+  typename H::DateFunction today{};  ///< Returns today's UTC date, compared only for equality.
+  typename H::Ledger ledger{};       ///< Returns what was paid since a date, USD; may be absent.
   typename H::Condition changed_{};
   typename H::HeldRecord held_{};  ///< What the calls in flight hold, USD.
   Text day_{};                     ///< The date that `cost_` counts; empty before the first.
