@@ -41,7 +41,14 @@ std::string Summary::text() const {
   return text + "}";
 }
 
-double Native::rounded(double cost) { return decision_bounds::rounded(cost, cost_decimals); }
+Summary Native::summary(const RunBudget& budget) {
+  return {.calls = budget.calls,
+          .cache_hits = budget.cache_hits,
+          .input_tokens = budget.input_tokens,
+          .cost_usd = rounded(budget.cost, cost_decimals),
+          .max_calls = budget.max_calls,
+          .max_tokens = budget.max_tokens};
+}
 
 void Native::wait(Condition& changed, const StopFunction& stopping, const Deadline& deadline,
                   const Clock& clock) const {

@@ -121,7 +121,6 @@ struct Native {
   static double to_amount(double value) { return value; }
   static bool truth(Count count) { return count != 0; }
   static bool is_infinite(double value) { return std::isinf(value); }
-  static double rounded(double cost);
   static double poll_s() { return poll_interval_s; }
 
   static bool cached(Reply reply) { return reply.cached; }
@@ -161,10 +160,7 @@ struct Native {
     }
   }
 
-  static Summary summary(Count calls, Count cache_hits, Count input_tokens, double cost_usd,
-                         Count max_calls, Count max_tokens) {
-    return {calls, cache_hits, input_tokens, cost_usd, max_calls, max_tokens};
-  }
+  static Summary summary(const RunBudget<Native>& budget);
   [[noreturn]] static void refuse(Refusal refusal, const std::string& text);
   [[noreturn]] static void refuse(Refusal refusal, const char* text, const Summary& summary);
   [[noreturn]] static void refuse(Refusal refusal, const char* text, double cost, double cap);
