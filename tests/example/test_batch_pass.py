@@ -157,6 +157,16 @@ class BatchPassTest(unittest.TestCase):
                 }
                 self.assertLessEqual(used[bound], limit)
 
+    def test_refusals_cost_nothing_and_are_tried_again(self) -> None:
+        with Endpoint(faults={Fault.REFUSED: 0.5}) as endpoint:
+            endpoint.attempt("other", "x", 9)  # What another client paid before.
+            out = self.run_pass(self.requests, "--endpoint", endpoint.url)
+            self.assertGreater(self.printed(r"Retries +(\d+)", out), 0)
+            self.assertEqual(len(endpoint.bill), 1 + LINES + 1)
+            self.assertRegex(out, rf"{LINES + 1} calls paid .*, 0 answers never read \$0\.000000\n")
+            self.assertRegex(out, rf"for {LINES + 1} calls .*, which is what was counted\n")
+        self.assert_ledger_is_whole(out)
+
     def test_calls_and_tokens_run_out(self) -> None:
         out = self.run_pass(self.requests, "--max-calls", 7, status=3)
         self.assertLessEqual(self.printed(r"(\d+) of 7 calls", out), 7)

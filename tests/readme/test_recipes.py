@@ -48,6 +48,13 @@ class RecipesTest(unittest.TestCase):
         tested = [FIRST, CACHE, TOOL, LEARNED, UNREAD, BEGUN, WINDOWS, WARNING, TENANTS, PACKAGE]
         self.assertEqual(list(programs()), tested)
 
+    def test_dearest_is_no_less_than_what_the_endpoint_may_bill(self) -> None:
+        program, request = names(), "x" * 999
+        answer = self.endpoint.attempt("summarise", request, program["MAX_OUTPUT_TOKENS"]).answer
+        most = program["dearest"](request)
+        self.assertLessEqual(answer["cost_usd"], most.cost)
+        self.assertLessEqual(answer["input_tokens"], most.input_tokens)
+
     def test_interrupt_in_the_thread_that_calls(self) -> None:
         program = names()
 
