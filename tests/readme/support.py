@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import threading
-import time
 from collections.abc import Callable, Sequence
 from concurrent.futures import Future, ThreadPoolExecutor
 from typing import Any
@@ -19,14 +18,6 @@ def names(*headings: str) -> dict[str, Any]:
     for heading in (FIRST, *headings):
         exec(compile(programs()[heading], heading, "exec", dont_inherit=True), found)
     return found
-
-
-def until(condition: Callable[[], bool]) -> None:
-    """Return once ``condition`` holds. Raises ``AssertionError`` after ``PATIENCE_S`` seconds."""
-    end = time.monotonic() + PATIENCE_S
-    while not condition():
-        assert time.monotonic() < end, "what the test waits for does not come"
-        time.sleep(0.001)
 
 
 def in_background(call: Callable[..., Any], *arguments: Any) -> Future[Any]:

@@ -58,33 +58,28 @@ class RecipesTest(unittest.TestCase):
     def test_interrupt_in_the_thread_that_calls(self) -> None:
         program = names()
 
-        def interrupted() -> Any:
-            raise KeyboardInterrupt
-
-        with mock.patch.dict(program, {"ask": lambda _request: interrupted()}):
-            with self.assertRaises(KeyboardInterrupt):
-                program["decide"]("x")
+        interrupted = mock.Mock(side_effect=KeyboardInterrupt)
+        with mock.patch.dict(program, {"ask": interrupted}), self.assertRaises(KeyboardInterrupt):
+            program["decide"]("x")
         most = program["dearest"]("x")
         self.assertEqual(program["day"].spent(), most.cost)
         used = program["budget"].summary()
         self.assertEqual((used["calls"], used["input_tokens"]), (1, most.input_tokens))
 
-    def test_own_cache(self) -> None:
-        program = names(CACHE)
+    def test_what_counts_without_a_share(self) -> None:
+        program = names(CACHE, UNREAD)
         used = program["budget"].summary()
         self.assertEqual((used["cache_hits"], used["calls"]), (1, 0))
-        self.assertEqual(program["day"].spent(), 0.0)
+        most = program["dearest"]("a job that nobody waits for any more")
+        self.assertEqual(program["day"].spent(), most.cost)
 
     def test_tool(self) -> None:
         program = names(TOOL)
         self.assertEqual(program["decide_for_tool"]("is it late?", 5.0).cost, self.billed_usd())
-        day, most = program["day"], program["dearest"]
-        with mock.patch.dict(program, {"dearest": lambda _request: most("x" * 100_000)}):
-            with day.admit(
-                lambda: 1.0, deadline=None, clock=time.monotonic, stopping=program["never"]
-            ):
-                with self.assertRaises(DecisionTimeout):
-                    program["decide_for_tool"]("is it late?", 0.05)
+        day, never = program["day"], program["never"]
+        with day.admit(lambda: 1.0, deadline=None, clock=time.monotonic, stopping=never):
+            with self.assertRaises(DecisionTimeout):
+                program["decide_for_tool"]("is it late?", 0.05)
         self.assertEqual((day.spent(), day._held.holders), (self.billed_usd(), 0))
 
     def test_learned_prices(self) -> None:
@@ -113,11 +108,6 @@ class RecipesTest(unittest.TestCase):
         with mock.patch.dict(program, {"ask": lambda _request: dear}):
             program["decide_and_learn"]("x", "triage")
         self.assertEqual(known_usd, [cheap.cost, dear.cost])
-
-    def test_attempt_without_a_share(self) -> None:
-        program = names(UNREAD)
-        most = program["dearest"]("a job that nobody waits for any more")
-        self.assertEqual(program["day"].spent(), most.cost)
 
     def test_windows_and_days_that_were_begun(self) -> None:
         program = names(BEGUN, WINDOWS)
