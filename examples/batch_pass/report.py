@@ -54,7 +54,7 @@ def summary(
     ]
     if undecided:
         lines.insert(1, f"Undecided {undecided}: {_why_undecided(batch, spent, cap)}")
-    if not tally.paid + tally.unread:
+    if not tally.paid + tally.unread and (spent or used["cache_hits"]):
         lines.append(
             f"Ledger    no call was paid: what was paid before is in {ledger},"
             " with the answers; another file (--ledger) starts anew"
