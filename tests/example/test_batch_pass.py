@@ -227,11 +227,12 @@ class BatchPassTest(unittest.TestCase):
         with hung_up.stderr as stderr:
             self.assertEqual((stderr.read(), hung_up.wait()), ("", 5))
         self.assertTrue((self.folder / "cache" / "batch_pass" / "ledger.sqlite3").exists())
-        with open("/dev/full", "w", encoding="utf-8") as full:
-            process = self.start(self.requests, stdout=full)
-            _, err = process.communicate()
-        self.assertRegex(err, r"\Abatch_pass: cannot print the report: .*\n\Z")
-        self.assertEqual(process.returncode, 5)
+        if os.path.exists("/dev/full"):
+            with open("/dev/full", "w", encoding="utf-8") as full:
+                process = self.start(self.requests, stdout=full)
+                _, err = process.communicate()
+            self.assertRegex(err, r"\Abatch_pass: cannot print the report: .*\n\Z")
+            self.assertEqual(process.returncode, 5)
 
     def test_narrow_terminal_shows_the_money(self) -> None:
         terminal, stderr = pty.openpty()
