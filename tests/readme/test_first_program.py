@@ -10,7 +10,6 @@ import sys
 import tempfile
 import time
 import unittest
-from collections import Counter
 from pathlib import Path
 from typing import Any
 
@@ -78,9 +77,10 @@ class FirstProgramTest(unittest.TestCase):
         with Endpoint(faults={fault: 0.06 for fault in Fault}) as endpoint:
             figures = self.run_program(endpoint)
             self.assert_counted_as_billed(figures, endpoint)
-        outcomes = Counter(call["outcome"] for call in figures["calls"])
-        met = {"Reply", REFUSED, "DecisionBudgetExceeded", *FAILED}
-        self.assertLessEqual(met, outcomes.keys())
+        outcomes = {call["request"]: call["outcome"] for call in figures["calls"]}
+        self.assertLessEqual({REFUSED, "DecisionBudgetExceeded"}, set(outcomes.values()))
+        billed = {outcomes[charge.text] for charge in endpoint.bill}
+        self.assertLessEqual({"Reply", *FAILED}, billed)
         self.assertGreaterEqual(figures["spent_usd"], figures["cap_usd"])
 
     def test_interrupt(self) -> None:

@@ -49,11 +49,13 @@ class RecipesTest(unittest.TestCase):
         self.assertEqual(list(programs()), tested)
 
     def test_dearest_is_no_less_than_what_the_endpoint_may_bill(self) -> None:
-        program, request = names(), "x" * 999
-        answer = self.endpoint.attempt("summarise", request, program["MAX_OUTPUT_TOKENS"]).answer
-        most = program["dearest"](request)
-        self.assertLessEqual(answer["cost_usd"], most.cost)
-        self.assertLessEqual(answer["input_tokens"], most.input_tokens)
+        program = names()
+        for request in ("x", "x" * 999):
+            limit = program["MAX_OUTPUT_TOKENS"]
+            answer = self.endpoint.attempt("summarise", request, limit).answer
+            most = program["dearest"](request)
+            self.assertLessEqual(answer["cost_usd"], most.cost)
+            self.assertLessEqual(answer["input_tokens"], most.input_tokens)
 
     def test_interrupt_in_the_thread_that_calls(self) -> None:
         program = names()
@@ -78,8 +80,10 @@ class RecipesTest(unittest.TestCase):
         self.assertEqual(program["decide_for_tool"]("is it late?", 5.0).cost, self.billed_usd())
         day, never = program["day"], program["never"]
         with day.admit(lambda: 1.0, deadline=None, clock=time.monotonic, stopping=never):
+            begun = time.monotonic()
             with self.assertRaises(DecisionTimeout):
                 program["decide_for_tool"]("is it late?", 0.05)
+            self.assertLess(time.monotonic() - begun, 20.0)
         self.assertEqual((day.spent(), day._held.holders), (self.billed_usd(), 0))
 
     def test_learned_prices(self) -> None:
@@ -94,7 +98,7 @@ class RecipesTest(unittest.TestCase):
         self.assertEqual(dearest("x", "triage").cost, max(reply.cost for reply in replies))
         self.assertEqual(dearest("x", "new").cost, 0.02)
 
-    def test_learned_before_settled(self) -> None:
+    def test_price_is_learned_before_the_call_settles(self) -> None:
         program = names(LEARNED)
         cheap, dear = (program["Reply"](9, usd) for usd in (0.001, 0.2))
         program["rates"].learn(1, "triage", cheap)
@@ -108,6 +112,10 @@ class RecipesTest(unittest.TestCase):
         with mock.patch.dict(program, {"ask": lambda _request: dear}):
             program["decide_and_learn"]("x", "triage")
         self.assertEqual(known_usd, [cheap.cost, dear.cost])
+        unread = mock.Mock(side_effect=TimeoutError)
+        with mock.patch.dict(program, {"ask": unread}), self.assertRaises(TimeoutError):
+            program["decide_and_learn"]("x", "triage")
+        self.assertEqual(program["day"].spent(), 2 * dear.cost)
 
     def test_windows_and_days_that_were_begun(self) -> None:
         program = names(BEGUN, WINDOWS)
