@@ -46,32 +46,4 @@ void Features::insert(const Ref& feature) const {
   }
 }
 
-bool HeldRecord::admits_by_method(const Number& share, const Number& used,
-                                  const Number& limit) const {
-  return truth(call_method(interned("admits"), *this, Ref(share), Ref(used), Ref(limit)));
-}
-
-void HeldRecord::take_by_method(const Number& share) const {
-  const Ref record = value_of(*this);
-  const auto take = [&] { call_method(interned("take"), record, Ref(share)); };
-  if (auto* inherited = stored_bound<Held<Python>>(record.get())) {
-    const Held<Python> before = *inherited;
-    on_failure(take, [&] { *inherited = before; });
-  } else {
-    take();
-  }
-}
-
-void HeldRecord::give_back_by_method(const Number& share) const {
-  call_method(interned("give_back"), *this, Ref(share));
-}
-
-Number ChargesRecord::bound_by_method(const Number& size) const {
-  return call_method(interned("bound"), *this, Ref(size));
-}
-
-void ChargesRecord::learn_by_method(const Number& size, const Number& charge) const {
-  call_method(interned("learn"), *this, Ref(size), Ref(charge));
-}
-
 }  // namespace decision_bounds::python

@@ -5,13 +5,18 @@
 
 #include <array>
 #include <cstdint>
+#include <type_traits>
 #include <utility>
 
+#include "decision_bounds/charges.hpp"
+#include "decision_bounds/held.hpp"
+#include "python_host/instance.hpp"
 #include "python_host/interpreter.hpp"
 #include "python_host/number.hpp"
 
 namespace decision_bounds::python {
 
+struct Python;
 struct State;
 
 /// What may be none: a deadline, a reply.
@@ -121,33 +126,42 @@ struct Features : Ref {
   bool empty() const { return !truth(static_cast<const Ref&>(*this)); }
 };
 
-/// A `_Held` record. One of exactly that type is used directly (python.hpp), any other through its
-/// methods.
-struct HeldRecord : Ref {
-  HeldRecord() = default;
-  explicit HeldRecord(Ref ref) : Ref(std::move(ref)) {}
+/// A record that a bound owns. One of exactly the type of `Record` is used directly, any other
+/// through its methods. It is held meanwhile: an operator of a number can rebind the field.
+template <typename Record>
+struct RecordField : Ref {
+  RecordField() = default;
+  explicit RecordField(Ref ref) : Ref(std::move(ref)) {}
+
+  template <auto operation>
+  auto use(const char* method, const auto&... arguments) const {
+    using Result = decltype((std::declval<Record&>().*operation)(arguments...));
+    const Ref record = value_of(*this);
+    if (auto* exact = exact_bound<Record>(record.get())) {
+      return (exact->*operation)(arguments...);
+    }
+    Ref answer = call_method(interned(method), record, Ref(arguments)...);
+    if constexpr (std::is_same_v<Result, bool>) {
+      return truth(answer);
+    } else if constexpr (!std::is_void_v<Result>) {
+      return Result(std::move(answer));
+    }
+  }
+};
+
+struct HeldRecord : RecordField<Held<Python>> {
+  using RecordField::RecordField;
 
   bool admits(const Number& share, const Number& used, const Number& limit) const;
   void take_or_nothing(const Number& share) const;
   void give_back(const Number& share) const;
-
- private:
-  bool admits_by_method(const Number& share, const Number& used, const Number& limit) const;
-  void take_by_method(const Number& share) const;
-  void give_back_by_method(const Number& share) const;
 };
 
-/// A `_Charges` record, used in the same way.
-struct ChargesRecord : Ref {
-  ChargesRecord() = default;
-  explicit ChargesRecord(Ref ref) : Ref(std::move(ref)) {}
+struct ChargesRecord : RecordField<Charges<Python>> {
+  using RecordField::RecordField;
 
   Number bound(const Number& size) const;
   void learn(const Number& size, const Number& charge) const;
-
- private:
-  Number bound_by_method(const Number& size) const;
-  void learn_by_method(const Number& size, const Number& charge) const;
 };
 
 /// The object that a field holds as an attribute, borrowed: the field keeps it. Null where the

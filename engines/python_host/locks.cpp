@@ -26,14 +26,12 @@ Ref special_method(const Ref& object, const Ref& name) {
   return checked(bind, function, object, reinterpret_cast<PyObject*>(Py_TYPE(object.get())));
 }
 
-/// The C function behind a method of a type, where it takes its arguments as `flags` say.
-PyCFunction c_method(PyTypeObject* type, const char* name, int flags) {
-  const Ref method = attribute_of_type(type, interned(name));
-  if (method.get() == nullptr || !Py_IS_TYPE(method.get(), &PyMethodDescr_Type)) {
-    return nullptr;
-  }
-  const PyMethodDef* definition = reinterpret_cast<PyMethodDescrObject*>(method.get())->d_method;
-  return definition->ml_flags == flags ? definition->ml_meth : nullptr;
+/// The C function behind a bound method of a lock, where it takes its arguments as `flags` say.
+PyCFunction c_function(const Ref& lock, const char* method, int flags) {
+  const Ref bound = attribute(lock, method);
+  const bool is_known =
+      PyCFunction_Check(bound.get()) && PyCFunction_GET_FLAGS(bound.get()) == flags;
+  return is_known ? PyCFunction_GET_FUNCTION(bound.get()) : nullptr;
 }
 
 #if PY_VERSION_HEX < 0x030D0000
@@ -49,14 +47,13 @@ std::uint64_t dict_version_of(PyObject* dictionary) {
 }  // namespace
 
 LockType LockType::of(const Ref& lock) {
-  PyTypeObject* type = Py_TYPE(lock.get());
   LockType found;
   // The interpreter keeps every kind of C function under one pointer type.
   found.acquire = reinterpret_cast<PyCFunctionWithKeywords>(
-      reinterpret_cast<void (*)()>(c_method(type, "acquire", METH_VARARGS | METH_KEYWORDS)));
-  found.release = c_method(type, "release", METH_NOARGS);
+      reinterpret_cast<void (*)()>(c_function(lock, "acquire", METH_VARARGS | METH_KEYWORDS)));
+  found.release = c_function(lock, "release", METH_NOARGS);
   if (found.acquire != nullptr && found.release != nullptr) {
-    found.type = Ref::to(reinterpret_cast<PyObject*>(type));
+    found.type = Ref::to(reinterpret_cast<PyObject*>(Py_TYPE(lock.get())));
   }
   return found;
 }

@@ -104,35 +104,31 @@ extern template struct Instance<RequestRates<Python>>;
 extern template struct Instance<RunBudget<Python>>;
 extern template struct Instance<DailySpend<Python>>;
 
-// The record is held while it is used: an operator of a number can rebind the field.
 inline bool HeldRecord::admits(const Number& share, const Number& used, const Number& limit) const {
-  const Ref record = value_of(*this);
-  const auto* held = exact_bound<Held<Python>>(record.get());
-  return held != nullptr ? held->admits(share, used, limit) : admits_by_method(share, used, limit);
+  return use<&Held<Python>::admits>("admits", share, used, limit);
 }
 
+/// The `take` of a record of another type is undone where it fails, if the record is derived.
 inline void HeldRecord::take_or_nothing(const Number& share) const {
-  const Ref record = value_of(*this);
-  auto* held = exact_bound<Held<Python>>(record.get());
-  held != nullptr ? held->take_or_nothing(share) : take_by_method(share);
+  auto* derived = get() == nullptr ? nullptr : stored_bound<Held<Python>>(get());
+  if (derived == nullptr || exact_bound<Held<Python>>(get()) != nullptr) {
+    return use<&Held<Python>::take_or_nothing>("take", share);
+  }
+  const Ref record = *this;
+  const Held<Python> before = *derived;
+  on_failure([&] { use<&Held<Python>::take>("take", share); }, [&] { *derived = before; });
 }
 
 inline void HeldRecord::give_back(const Number& share) const {
-  const Ref record = value_of(*this);
-  auto* held = exact_bound<Held<Python>>(record.get());
-  held != nullptr ? held->give_back(share) : give_back_by_method(share);
+  use<&Held<Python>::give_back>("give_back", share);
 }
 
 inline Number ChargesRecord::bound(const Number& size) const {
-  const Ref record = value_of(*this);
-  const auto* charges = exact_bound<Charges<Python>>(record.get());
-  return charges != nullptr ? charges->bound(size) : bound_by_method(size);
+  return use<&Charges<Python>::bound>("bound", size);
 }
 
 inline void ChargesRecord::learn(const Number& size, const Number& charge) const {
-  const Ref record = value_of(*this);
-  auto* charges = exact_bound<Charges<Python>>(record.get());
-  charges != nullptr ? charges->learn(size, charge) : learn_by_method(size, charge);
+  use<&Charges<Python>::learn>("learn", size, charge);
 }
 
 auto Python::locked(auto& lock, const auto& block) const -> decltype(block()) {
