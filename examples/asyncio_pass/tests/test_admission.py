@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import asyncio
 import gc
+import math
 import random
 import threading
 import time
@@ -104,49 +105,98 @@ class AdmissionTest(unittest.TestCase):
         run(main())
         self.assert_nothing_held(spend)
 
-    def test_stop_deadline_refusal_and_errors_end_the_wait(self) -> None:
-        stopped: list[bool] = []
-
-        def stop() -> bool:
-            return bool(stopped)
+    def test_stop_deadline_midnight_and_errors_end_the_wait(self) -> None:
+        stopped, broken = threading.Event(), threading.Event()
 
         def broken_stop() -> bool:
-            return bool(stopped and 1 / 0)
+            return broken.is_set() and bool(1 / 0)
 
-        budget, spend = new_budget(), new_spend()
-        budget.should_stop = stop
+        today = "2024-05-01"
+        budget = open_to_loops(RunBudget(10, 1, should_stop=stopped.is_set))
+        spend = open_to_loops(DailySpend(1.0, lambda: today, None))
+        spend.charge(Reply(0.5))
 
         async def main() -> None:
-            async with hold(budget, 1.0), admitted(spend) as share:
-                start = time.monotonic()
-                with self.assertRaises(DecisionTimeout):
-                    await enter(admitted(spend, deadline=start + 0.25))
-                self.assertTrue(0.25 <= time.monotonic() - start < 5)
-                # The first looks at every poll, the others are asked whether they are to stop.
-                refused, *stopping = [
+            nonlocal today
+            start = time.monotonic()
+            async with hold(budget, 1.0), admitted(spend, 0.5) as share:
+                # The first looks at every poll, the others only when their wait is to end.
+                first, timed_out, failed, day_stopped, pass_stopped, refused = [
                     asyncio.create_task(enter(each))
                     for each in (
                         admitted(spend),
+                        admitted(spend, deadline=start + 0.25),
                         admitted(spend, stopping=broken_stop),
-                        admitted(spend, stopping=stop),
+                        admitted(spend, stopping=stopped.is_set),
                         hold(budget, 1.0),
+                        admitted(spend),
                     )
                 ]
-                await asyncio.sleep(0.25)
-                self.assertFalse(any(each.done() for each in stopping))
-                stopped.append(True)
-                errors = await asyncio.gather(*stopping, return_exceptions=True)
-                self.assertEqual(
-                    [type(error) for error in errors],
-                    [ZeroDivisionError, DecisionStopped, DecisionStopped],
-                )
-                share.settle(Reply(1.0))
-                with self.assertRaises(DecisionBudgetExceeded):
-                    await refused
+                for task, ended_by, error in (
+                    (timed_out, None, DecisionTimeout),
+                    (failed, broken, ZeroDivisionError),
+                    (day_stopped, stopped, DecisionStopped),
+                    (pass_stopped, None, DecisionStopped),
+                ):
+                    if ended_by:
+                        await asyncio.sleep(0.15)
+                        self.assertFalse(task.done())
+                        ended_by.set()
+                    with self.assertRaises(error):
+                        await task
+                self.assertTrue(0.25 <= time.monotonic() - start < PATIENCE_S / 2)
+                share.settle(Reply(0.5))
+                for task in (first, refused):
+                    with self.assertRaises(DecisionBudgetExceeded):
+                        await task
+            today = "2024-05-02"
+            spend.charge(Reply(0.5))
+            async with admitted(spend, 0.5):
+                waiting = asyncio.create_task(enter(admitted(spend)))
+                await turns(3)
+                self.assertFalse(waiting.done())
+                today = "2024-05-03"
+                await waiting
 
         with self.assertLogs(decision_bounds.logger):  # The cap is reached.
             run(main())
         self.assert_nothing_held(budget, spend)
+
+    @never_polled
+    def test_a_change_lets_each_call_look_once_until_one_with_a_price_finds_no_room(self) -> None:
+        spend = new_spend()
+        asked = ""
+
+        async def call(name: str, usd: float, end: asyncio.Event) -> None:
+            def bound() -> float:
+                nonlocal asked
+                asked += name
+                return usd
+
+            async with admit(spend, bound, **WAITS):
+                await end.wait()
+
+        async def main() -> None:
+            nonlocal asked
+            ends = {name: asyncio.Event() for name in "abxyzvw"}
+            unknown = {"x", "y"}
+            calls = [
+                asyncio.create_task(call(name, math.inf if name in unknown else 0.5, end))
+                for name, end in ends.items()
+            ]
+            # What ends, and who then looks: x and y must be alone, z, v and w are alike.
+            for name, looks in (("a", "xyzv"), ("b", "vw"), ("z", "wxy"), ("v", "xy")):
+                await turns(20)
+                asked = ""
+                ends[name].set()
+                await turns(20)
+                self.assertEqual(asked, looks)
+            for end in ends.values():
+                end.set()
+            await asyncio.gather(*calls)
+
+        run(main())
+        self.assert_nothing_held(spend)
 
     @never_polled
     def test_a_call_cancelled_at_any_step_holds_nothing_and_passes_on_its_wake(self) -> None:
@@ -180,7 +230,7 @@ class AdmissionTest(unittest.TestCase):
     def test_no_wake_up_is_lost_in_10000_runs_of_random_lengths(self) -> None:
         async def call(budget: RunBudget, chance: random.Random, unknown: bool) -> None:
             await turns(chance.randrange(3))
-            async with hold(budget, float("inf") if unknown else 1.0) as share:
+            async with hold(budget, math.inf if unknown else 1.0) as share:
                 await turns(chance.randrange(4))
                 if chance.random() < 0.5:
                     share.settle(Reply())
@@ -239,10 +289,15 @@ class AdmissionTest(unittest.TestCase):
     @never_polled
     def test_calls_of_a_closed_loop_hold_up_nobody(self) -> None:
         spend = new_spend()
+        gone = 0
 
         async def call() -> None:
-            async with admitted(spend):
-                await asyncio.sleep(1000)
+            nonlocal gone
+            try:
+                async with admitted(spend):
+                    await asyncio.sleep(1000)
+            finally:
+                gone += 1
 
         loop = asyncio.new_event_loop()
         loop.set_exception_handler(lambda *_: None)  # It tells of each task that is left.
@@ -251,9 +306,10 @@ class AdmissionTest(unittest.TestCase):
         loop.close()
         del tasks
         gc.collect()
-        # The call in flight has gone and given back what it held.
+        # The call in flight gave back what it held, and nothing keeps those that waited.
         run(enter(admitted(spend)))
         gc.collect()
+        self.assertEqual(gone, 3)
         self.assert_nothing_held(spend)
 
     def test_1000_calls_wait_without_a_thread_and_the_loop_goes_on(self) -> None:
