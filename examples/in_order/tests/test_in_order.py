@@ -1,0 +1,226 @@
+"""Calls are admitted in the order in which they came, and whoever leaves the queue holds up nobody."""
+
+from __future__ import annotations
+
+import asyncio
+import gc
+import math
+import os
+import random
+import signal
+import threading
+import time
+import unittest
+from concurrent.futures import Future, ThreadPoolExecutor
+from typing import Any, Callable
+
+from engines.decision_bounds import (
+    DailySpend,
+    DecisionBudgetExceeded,
+    DecisionStopped,
+    DecisionTimeout,
+    RunBudget,
+    never,
+)
+
+from ...asyncio_pass.admission import admit, open_to_loops
+from ..bounds import BudgetInOrder, InTurn, SpendInOrder
+from ..turnstile import Turnstile
+
+PATIENCE_S = 30.0
+WAITS: Any = {"deadline": None, "clock": time.monotonic, "stopping": never}
+
+
+def until(reached: Callable[[], bool]) -> None:
+    """Wait for ``reached``; the test fails where it does not come."""
+    give_up = time.monotonic() + PATIENCE_S
+    while not reached():
+        assert time.monotonic() < give_up
+        time.sleep(0.0005)
+
+
+def waiting(turnstile: Turnstile) -> int:
+    return len(turnstile._queue)
+
+
+class InOrderTest(unittest.TestCase):
+    def setUp(self) -> None:
+        self.day = SpendInOrder(open_to_loops(DailySpend(1.0, lambda: "2024-05-01", None)))
+        self.pool = ThreadPoolExecutor(80)
+        self.addCleanup(self.pool.shutdown)
+        self.admitted: list[object] = []
+        self.ways: list[Callable[..., object]] = [self.enter, self.on_loop]
+
+    def enter(self, name: object, usd: float = 1.0, **waits: Any) -> None:
+        """One call on a thread."""
+        with self.day.admit(lambda: usd, **{**WAITS, **waits}):
+            self.admitted.append(name)
+
+    async def enter_on_loop(self, name: object, usd: float = 1.0, **waits: Any) -> None:
+        """One call of a coroutine."""
+        every: Any = {**WAITS, **waits}
+        turn = self.day.turnstile.turn(**every)
+        async with InTurn(turn, admit(self.day.spend, lambda: usd, **every)):
+            self.admitted.append(name)
+
+    def queued(self, call: Callable[..., object], *arguments: Any, **waits: Any) -> Future[Any]:
+        """Start ``call`` on a thread, and return when it is in the queue."""
+        before = waiting(self.day.turnstile)
+        started = self.pool.submit(call, *arguments, **waits)
+        until(lambda: waiting(self.day.turnstile) > before)
+        return started
+
+    def on_loop(self, *arguments: Any, **waits: Any) -> None:
+        """One call of a coroutine, on a loop and a thread of its own."""
+        asyncio.run(self.enter_on_loop(*arguments, **waits))
+
+    def assert_free(self) -> None:
+        """Nobody is in the queue, and the next call is admitted."""
+        self.enter("next")
+        self.assertEqual(self.admitted[-1], "next")
+        self.assertEqual(waiting(self.day.turnstile), 0)
+        self.assertEqual(self.day.spend._held.holders, 0)  # type: ignore[attr-defined]
+
+    def test_64_threads_and_loops_are_admitted_in_the_order_of_their_arrival(self) -> None:
+        chance = random.Random(1)
+        with self.day.admit(lambda: 1.0, **WAITS):
+            calls = [
+                self.queued(
+                    chance.choices(self.ways, (3, 1))[0],
+                    name,
+                    chance.choice((1.0, 2.0, math.inf)),
+                )
+                for name in range(64)
+            ]
+        for call in calls:
+            call.result(PATIENCE_S)
+        self.assertEqual(self.admitted, list(range(64)))
+        self.assert_free()
+
+    def test_a_first_call_of_a_kind_waits_for_the_calls_in_flight_alone(self) -> None:
+        give_up = time.monotonic() + PATIENCE_S
+        budget = RunBudget(10**9, 4, should_stop=lambda: time.monotonic() > give_up)
+        in_order = BudgetInOrder(budget)
+        ended = threading.Event()
+
+        def never_pausing() -> None:
+            while not ended.is_set():
+                with in_order.hold(1.0):
+                    self.admitted.append("known")
+                    time.sleep(0.0005)
+
+        callers = [self.pool.submit(never_pausing) for _ in range(8)]
+        until(lambda: len(self.admitted) > 20)
+        try:
+            for _ in range(20):
+                with in_order.hold(math.inf):
+                    self.assertEqual(budget.in_flight, 1)
+        finally:
+            ended.set()
+        for caller in callers:
+            caller.result(PATIENCE_S)
+
+    def test_whoever_leaves_the_queue_loses_no_turn(self) -> None:
+        stopped = threading.Event()
+        for enter in self.ways:
+            for at_front in (True, False):
+                stopped.clear()
+                with self.subTest(enter=enter, at_front=at_front):
+                    with self.day.admit(lambda: 1.0, **WAITS):
+                        before = [] if at_front else [self.queued(self.enter, "first")]
+                        soon = time.monotonic() + 0.15
+                        timed_out = self.queued(enter, "late", deadline=soon)
+                        stops = self.queued(enter, "stopped", stopping=stopped.is_set)
+                        after = self.queued(enter, "last")
+                        with self.assertRaises(DecisionTimeout):
+                            timed_out.result(PATIENCE_S)
+                        self.assertGreaterEqual(time.monotonic(), soon)
+                        stopped.set()
+                        with self.assertRaises(DecisionStopped):
+                            stops.result(PATIENCE_S)
+                    for call in (*before, after):
+                        call.result(PATIENCE_S)
+                    self.assertEqual(self.admitted.pop(), "last")
+                    self.assert_free()
+
+    def test_an_interrupt_ends_the_wait_of_the_main_thread(self) -> None:
+        for at_front in (True, False):
+            with self.day.admit(lambda: 1.0, **WAITS):
+                before = [] if at_front else [self.queued(self.enter, "first")]
+                length = waiting(self.day.turnstile)
+
+                def interrupt() -> None:
+                    until(lambda: waiting(self.day.turnstile) > length)
+                    time.sleep(0.02)
+                    os.kill(os.getpid(), signal.SIGINT)
+
+                interrupting = self.pool.submit(interrupt)
+                with self.assertRaises(KeyboardInterrupt):
+                    self.enter("interrupted")
+                interrupting.result(PATIENCE_S)
+                after = self.queued(self.enter, "last")
+            for call in (*before, after):
+                call.result(PATIENCE_S)
+            self.assert_free()
+
+    def test_a_coroutine_cancelled_at_any_step_leaves_its_turn_to_the_next(self) -> None:
+        async def main() -> None:
+            finished = 0
+            for steps in range(12):
+                with self.day.admit(lambda: 1.0, **WAITS):
+                    first, second = (
+                        asyncio.create_task(self.enter_on_loop(name)) for name in (1, 2)
+                    )
+                    await asyncio.sleep(0)
+                for _ in range(steps):
+                    await asyncio.sleep(0)
+                first.cancel()
+                await asyncio.gather(first, return_exceptions=True)
+                finished += not first.cancelled()
+                await asyncio.wait_for(second, PATIENCE_S)
+            self.assertTrue(0 < finished < 12)
+
+        asyncio.run(main())
+        self.assert_free()
+
+    def test_a_caller_at_the_front_that_fails_hands_the_turn_on(self) -> None:
+        def failing() -> float:
+            raise ZeroDivisionError
+
+        for broken in (lambda: self.day.admit(failing, **WAITS), lambda: self.on_loop("", "price")):
+            with self.day.admit(lambda: 0.5, **WAITS):
+                blocked = self.queued(self.enter, "unknown", math.inf)
+                fails = self.queued(broken)
+                last = self.queued(self.enter, "last", 0.5)
+            with self.assertRaises((ZeroDivisionError, TypeError)):
+                fails.result(PATIENCE_S)
+            for call in (blocked, last):
+                call.result(PATIENCE_S)
+        budget = BudgetInOrder(RunBudget(0, 1))
+        for _ in range(2):
+            with self.assertRaises(DecisionBudgetExceeded):
+                budget.hold(1.0)
+        self.assert_free()
+
+    def test_coroutines_of_a_closed_loop_keep_no_turn(self) -> None:
+        loop = asyncio.new_event_loop()
+        loop.set_exception_handler(lambda *_: None)  # It tells of each task that is left.
+
+        async def main() -> None:
+            for name in ("front", "behind"):
+                loop.create_task(self.enter_on_loop(name))
+                await asyncio.sleep(0)
+
+        with self.day.admit(lambda: 1.0, **WAITS):
+            loop.run_until_complete(main())
+            self.assertEqual(waiting(self.day.turnstile), 2)
+            last = self.queued(self.enter, "last")
+            loop.close()
+        gc.collect()
+        last.result(PATIENCE_S)
+        self.assertEqual(self.admitted, ["last"])
+        self.assert_free()
+
+
+if __name__ == "__main__":
+    unittest.main()
