@@ -13,7 +13,9 @@ import time
 import unittest
 from concurrent.futures import Future, ThreadPoolExecutor
 from typing import Any, Callable
+from unittest import mock
 
+from engines import decision_bounds
 from engines.decision_bounds import (
     DailySpend,
     DecisionBudgetExceeded,
@@ -29,6 +31,9 @@ from ..turnstile import Turnstile
 
 PATIENCE_S = 30.0
 WAITS: Any = {"deadline": None, "clock": time.monotonic, "stopping": never}
+
+# So long that no poll hides a wake-up that was lost.
+never_polled = mock.patch.object(decision_bounds, "_POLL_S", 1000.0)
 
 
 def until(reached: Callable[[], bool]) -> None:
@@ -81,6 +86,7 @@ class InOrderTest(unittest.TestCase):
         self.assertEqual(waiting(self.day.turnstile), 0)
         self.assertEqual(self.day.spend._held.holders, 0)  # type: ignore[attr-defined]
 
+    @never_polled
     def test_64_threads_and_loops_are_admitted_in_the_order_of_their_arrival(self) -> None:
         chance = random.Random(1)
         with self.day.admit(lambda: 1.0, **WAITS):
@@ -163,25 +169,48 @@ class InOrderTest(unittest.TestCase):
                 call.result(PATIENCE_S)
             self.assert_free()
 
+    @never_polled
     def test_a_coroutine_cancelled_at_any_step_leaves_its_turn_to_the_next(self) -> None:
         async def main() -> None:
             finished = 0
-            for steps in range(12):
+            for steps in range(24):
                 with self.day.admit(lambda: 1.0, **WAITS):
-                    first, second = (
-                        asyncio.create_task(self.enter_on_loop(name)) for name in (1, 2)
-                    )
+                    calls = [asyncio.create_task(self.enter_on_loop(name)) for name in range(3)]
                     await asyncio.sleep(0)
-                for _ in range(steps):
+                for _ in range(steps // 2):
                     await asyncio.sleep(0)
-                first.cancel()
-                await asyncio.gather(first, return_exceptions=True)
-                finished += not first.cancelled()
-                await asyncio.wait_for(second, PATIENCE_S)
-            self.assertTrue(0 < finished < 12)
+                # The one at the front or, in every other run, the one behind it.
+                cancelled = calls[steps % 2]
+                cancelled.cancel()
+                await asyncio.wait_for(asyncio.gather(*calls, return_exceptions=True), PATIENCE_S)
+                finished += not cancelled.cancelled()
+            self.assertTrue(0 < finished < 24)
 
         asyncio.run(main())
         self.assert_free()
+
+    def test_a_coroutine_that_has_its_turn_is_not_asked_for_a_stop(self) -> None:
+        asked = 0
+
+        def stop() -> bool:
+            nonlocal asked
+            asked += 1
+            return False
+
+        async def main() -> None:
+            with self.day.turnstile.turn():
+                waits = asyncio.create_task(enter())
+                await asyncio.sleep(0.15)
+                self.assertGreaterEqual(asked, 2)
+            await waits
+
+        async def enter() -> None:
+            async with self.day.turnstile.turn(stopping=stop):
+                before = asked
+                await asyncio.sleep(0.25)
+                self.assertEqual(asked, before)
+
+        asyncio.run(main())
 
     def test_a_caller_at_the_front_that_fails_hands_the_turn_on(self) -> None:
         def failing() -> float:
@@ -207,14 +236,18 @@ class InOrderTest(unittest.TestCase):
         loop.set_exception_handler(lambda *_: None)  # It tells of each task that is left.
 
         async def main() -> None:
-            for name in ("front", "behind"):
+            for name in (1, 2):
                 loop.create_task(self.enter_on_loop(name))
                 await asyncio.sleep(0)
 
+        left = threading.Event()
         with self.day.admit(lambda: 1.0, **WAITS):
+            front = self.queued(self.enter, "front", stopping=left.is_set)
             loop.run_until_complete(main())
-            self.assertEqual(waiting(self.day.turnstile), 2)
             last = self.queued(self.enter, "last")
+            left.set()
+            self.assertIsInstance(front.exception(PATIENCE_S), DecisionStopped)
+            # The first of the coroutines is called by now, and neither has run again.
             loop.close()
         gc.collect()
         last.result(PATIENCE_S)
