@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import asyncio
 import threading
-from weakref import WeakKeyDictionary
 
 from engines.decision_bounds import Share
 
@@ -21,7 +20,7 @@ class LoopCondition(threading.Condition):
     def __init__(self) -> None:
         super().__init__()
         self._attempting = False
-        self._by_loop: WeakKeyDictionary[asyncio.AbstractEventLoop, Waiters] = WeakKeyDictionary()
+        self._by_loop: dict[asyncio.AbstractEventLoop, Waiters] = {}
 
     def wait(self, timeout: float | None = None) -> bool:
         """Wait as a condition does.
@@ -38,8 +37,10 @@ class LoopCondition(threading.Condition):
     def notify_all(self) -> None:
         """Wake the threads that wait, and the coroutines as far as there is room for them."""
         super().notify_all()
-        for waiters in list(self._by_loop.values()):
+        for loop, waiters in list(self._by_loop.items()):
             waiters.changed()
+            if waiters.empty():
+                del self._by_loop[loop]
 
     async def admitted(self, call: Call) -> Share:
         """Return the share of ``call`` as soon as there is room for it.
@@ -64,6 +65,8 @@ class LoopCondition(threading.Condition):
                     try:
                         return self._attempt(call)
                     except NoRoom:
+                        # They are forgotten while all of them are awake.
+                        waiters = self._by_loop.setdefault(loop, waiters)
                         waiters.rejoin(waiter, call.alone())
         finally:
             with self:

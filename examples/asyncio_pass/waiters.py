@@ -83,6 +83,10 @@ class Waiters:
         self._changes += 1
         self._wake_first()
 
+    def empty(self) -> bool:
+        """Whether none of them sleeps."""
+        return not self._asleep
+
     def join(self, waiter: Waiter) -> None:
         """Let ``waiter``, which has found no room, sleep at the back."""
         self._asleep[waiter] = self._changes

@@ -42,9 +42,9 @@ class Endpoint:
     async def __aenter__(self) -> str:
         application = web.Application()
         application.router.add_post("/decide", self._decide)
-        self._runner = web.AppRunner(application)
+        self._runner = web.AppRunner(application, shutdown_timeout=0.1)
         await self._runner.setup()
-        site = web.TCPSite(self._runner, "127.0.0.1", 0, shutdown_timeout=0.1)
+        site = web.TCPSite(self._runner, "127.0.0.1", 0)
         await site.start()
         return f"http://127.0.0.1:{self._runner.addresses[0][1]}"
 
