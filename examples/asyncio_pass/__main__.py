@@ -75,7 +75,8 @@ async def _run(options: argparse.Namespace, url: str) -> None:
     )
     print(f"Today     ${day.spent():.6f} of ${options.cap:.6f} spent")
     print(
-        f"Loop      {beat.longest_s * 1000:.0f} ms late at most; {threading.active_count()} thread"
+        f"Loop      late by {beat.latest_s * 1000:.0f} ms at most, after"
+        f" {beat.longest_work_s * 1000:.0f} ms of work; threads: {threading.active_count()}"
     )
 
 
