@@ -42,10 +42,8 @@ def _utc_today() -> str:
 async def _run(options: argparse.Namespace, url: str) -> None:
     """Run the pass until every request is decided or given up, and print the report."""
     stopped = threading.Event()
-    # The second Ctrl-C cancels the calls in flight, which then count at their dearest.
-    loop = asyncio.get_running_loop()
-    with contextlib.suppress(NotImplementedError):  # Not on every platform: Ctrl-C then cancels.
-        loop.add_signal_handler(signal.SIGINT, stopped.set)
+    # Calls in flight settle, and waiting calls give up.
+    asyncio.get_running_loop().add_signal_handler(signal.SIGINT, stopped.set)
     budget = open_to_loops(
         RunBudget(options.max_calls, options.max_tokens, should_stop=stopped.is_set)
     )

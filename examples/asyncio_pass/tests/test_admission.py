@@ -5,14 +5,9 @@ from __future__ import annotations
 import asyncio
 import gc
 import math
-import random
 import threading
 import time
 import unittest
-from concurrent.futures import ThreadPoolExecutor
-from dataclasses import dataclass
-from typing import Any, Coroutine
-from unittest import mock
 
 from engines import decision_bounds
 from engines.decision_bounds import (
@@ -21,61 +16,25 @@ from engines.decision_bounds import (
     DecisionStopped,
     DecisionTimeout,
     RunBudget,
-    never,
 )
 
-from ..admission import Admission, admit, hold, open_to_loops
-from ..heartbeat import Heartbeat
-
-PATIENCE_S = 30.0
-WAITS: Any = {"deadline": None, "clock": time.monotonic, "stopping": never}
-# So long that no poll hides a wake-up that was lost.
-never_polled = mock.patch.object(decision_bounds, "_POLL_S", 1000.0)
-
-
-@dataclass
-class Reply:
-    cost: float = 0.0
-    input_tokens: int = 0
-    cached: bool = False
-
-
-def new_budget(room: int = 1) -> RunBudget:
-    """A budget with tokens for so many calls at once that hold one each."""
-    return open_to_loops(RunBudget(10**9, room))
+from ..admission import admit, hold, open_to_loops
+from .support import (
+    PATIENCE_S,
+    WAITS,
+    BoundsTest,
+    Reply,
+    admitted,
+    enter,
+    never_polled,
+    new_budget,
+    new_spend,
+    run,
+    turns,
+)
 
 
-def new_spend() -> DailySpend:
-    return open_to_loops(DailySpend(1.0, lambda: "2024-05-01", None))
-
-
-def admitted(spend: DailySpend, usd: float = 1.0, **waits: Any) -> Admission:
-    return admit(spend, lambda: usd, **{**WAITS, **waits})
-
-
-async def enter(admission: Admission) -> None:
-    async with admission:
-        pass
-
-
-async def turns(count: int) -> None:
-    """Let the loop run its ready calls so many times."""
-    for _ in range(count):
-        await asyncio.sleep(0)
-
-
-def run(main: Coroutine[Any, Any, None]) -> None:
-    """Run ``main`` on a new loop; one that hangs fails."""
-    asyncio.run(asyncio.wait_for(main, PATIENCE_S))
-
-
-class AdmissionTest(unittest.TestCase):
-    def assert_nothing_held(self, *bounds: Any) -> None:
-        for bound in bounds:
-            held = getattr(bound, "_held", None) or bound._held_tokens
-            self.assertEqual((held.holders, held.amount, held.unbounded), (0, 0.0, 0))
-            self.assertEqual(getattr(bound, "in_flight", 0), 0)
-
+class AdmissionTest(BoundsTest):
     @never_polled
     def test_a_give_back_of_any_thread_or_coroutine_wakes_who_has_room(self) -> None:
         spend = new_spend()
@@ -227,66 +186,6 @@ class AdmissionTest(unittest.TestCase):
         run(main())
 
     @never_polled
-    def test_no_wake_up_is_lost_in_10000_runs_of_random_lengths(self) -> None:
-        async def call(budget: RunBudget, chance: random.Random, unknown: bool) -> None:
-            await turns(chance.randrange(3))
-            async with hold(budget, math.inf if unknown else 1.0) as share:
-                await turns(chance.randrange(4))
-                if chance.random() < 0.5:
-                    share.settle(Reply())
-                    await turns(1)
-
-        async def main() -> None:
-            for seed in range(10_000):
-                chance = random.Random(seed)
-                budget = new_budget(chance.randint(1, 2))
-                calls = [
-                    asyncio.create_task(call(budget, chance, unknown=chance.random() < 0.2))
-                    for _ in range(chance.randint(2, 5))
-                ]
-                if chance.random() < 0.5:
-                    await turns(chance.randrange(6))
-                    chance.choice(calls).cancel()
-                _, hung = await asyncio.wait(calls, timeout=PATIENCE_S / 4)
-                self.assertFalse(hung, f"seed {seed}: a call was never woken")
-                self.assert_nothing_held(budget)
-
-        asyncio.run(main())
-
-    @never_polled
-    def test_two_loops_and_a_thread_share_the_bounds(self) -> None:
-        budget, spend = new_budget(3), new_spend()
-        reply = Reply(cost=0.0001)
-        most_in_flight = 0
-
-        async def call(length_s: float) -> None:
-            nonlocal most_in_flight
-            async with hold(budget, 1.0) as tokens, admitted(spend, 0.4) as usd:
-                most_in_flight = max(most_in_flight, budget.in_flight)
-                await asyncio.sleep(length_s)
-                tokens.settle(reply)
-                usd.settle(reply)
-
-        async def calls(seed: int) -> None:
-            chance = random.Random(seed)
-            await asyncio.gather(*(call(chance.random() / 1000) for _ in range(200)))
-
-        def thread() -> None:
-            for _ in range(200):
-                with budget.hold(1.0) as tokens, spend.admit(lambda: 0.4, **WAITS) as usd:
-                    tokens.settle(reply)
-                    usd.settle(reply)
-
-        with ThreadPoolExecutor(3) as pool:
-            loops = [pool.submit(lambda seed=seed: run(calls(seed))) for seed in (1, 2)]
-            for done in [*loops, pool.submit(thread)]:
-                done.result()
-        self.assertLessEqual(most_in_flight, 3)
-        self.assertEqual(budget.calls, 600)
-        self.assertAlmostEqual(spend.spent(), 0.06)
-        self.assert_nothing_held(budget, spend)
-
-    @never_polled
     def test_calls_of_a_closed_loop_hold_up_nobody(self) -> None:
         spend = new_spend()
         gone = 0
@@ -311,31 +210,6 @@ class AdmissionTest(unittest.TestCase):
         gc.collect()
         self.assertEqual(gone, 3)
         self.assert_nothing_held(spend)
-
-    def test_1000_calls_wait_without_a_thread_and_the_loop_goes_on(self) -> None:
-        budget, spend = new_budget(20), new_spend()
-
-        async def call() -> None:
-            async with hold(budget, 1.0), admitted(spend, 0.1) as usd:
-                await asyncio.sleep(0.02)
-                usd.settle(Reply())
-
-        async def main() -> None:
-            threads = threading.active_count()
-            calls = [asyncio.create_task(call()) for _ in range(1000)]
-            await turns(1)  # Starting them is no wait.
-            async with Heartbeat() as beat:
-                await asyncio.gather(*calls)
-            print(
-                f"\n1,000 waiting calls: a beat came {beat.latest_s * 1000:.1f} ms late at most,"
-                f" after {beat.longest_work_s * 1000:.1f} ms of work"
-            )
-            self.assertEqual(threading.active_count(), threads)
-            self.assertLess(beat.longest_work_s, 0.1)
-            self.assertLess(beat.latest_s, 1.0)
-
-        run(main())
-        self.assert_nothing_held(budget, spend)
 
     def test_what_would_stop_the_loop_or_leak_is_refused(self) -> None:
         spend = new_spend()
