@@ -126,16 +126,20 @@ class _Polls:
     def __init__(self, turn: Turn, called: asyncio.Future[None]) -> None:
         self._turn = turn
         self._called = called
+        self._next: asyncio.TimerHandle | None = None
         self._poll()
 
     def stop(self) -> None:
-        self._next.cancel()
+        """Ask no more."""
+        if self._next is not None:
+            self._next.cancel()
 
     def wait(self, timeout: float) -> None:
         """Poll again after ``timeout`` seconds, in which a thread would sleep."""
         self._next = self._called.get_loop().call_later(timeout, self._poll)
 
     def _poll(self) -> None:
+        """Ask once, which sets the next poll or ends the wait with what is raised."""
         try:
             self._turn.wait(self)
         except Exception as error:

@@ -8,6 +8,7 @@ import math
 import threading
 import time
 import unittest
+from concurrent.futures import ThreadPoolExecutor
 
 from engines import decision_bounds
 from engines.decision_bounds import (
@@ -62,6 +63,21 @@ class AdmissionTest(BoundsTest):
             self.assertEqual(spend.spent(), 0.25)
 
         run(main())
+        self.assert_nothing_held(spend)
+
+    @never_polled
+    def test_a_give_back_during_an_attempt_is_not_missed(self) -> None:
+        spend = new_spend()
+        share = spend.admit(lambda: 1.0, **WAITS)
+
+        def bound() -> float:
+            # This thread waits for the lock that the attempt holds.
+            thread.submit(share.settle, None)
+            time.sleep(0.02)
+            return 1.0
+
+        with ThreadPoolExecutor(1) as thread:
+            run(enter(admit(spend, bound, **WAITS)))
         self.assert_nothing_held(spend)
 
     def test_stop_deadline_midnight_and_errors_end_the_wait(self) -> None:

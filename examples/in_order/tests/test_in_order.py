@@ -143,8 +143,10 @@ class InOrderTest(unittest.TestCase):
                         with self.assertRaises(DecisionTimeout):
                             timed_out.result(PATIENCE_S)
                         stopped.set()
-                        with self.assertRaises(DecisionStopped):
-                            stops.result(PATIENCE_S)
+                        at_once = self.pool.submit(enter, "stopped", stopping=stopped.is_set)
+                        for call in (stops, at_once):
+                            with self.assertRaises(DecisionStopped):
+                                call.result(PATIENCE_S)
                     for call in (*before, after):
                         call.result(PATIENCE_S)
                     self.assertEqual(self.admitted.pop(), "last")
