@@ -5,6 +5,7 @@ from __future__ import annotations
 import asyncio
 import gc
 import math
+import sys
 import threading
 import time
 import unittest
@@ -66,18 +67,22 @@ class AdmissionTest(BoundsTest):
         self.assert_nothing_held(spend)
 
     @never_polled
-    def test_a_give_back_during_an_attempt_is_not_missed(self) -> None:
+    def test_a_give_back_beside_an_attempt_is_not_missed(self) -> None:
         spend = new_spend()
-        share = spend.admit(lambda: 1.0, **WAITS)
+        interval_s = sys.getswitchinterval()
+        self.addCleanup(sys.setswitchinterval, interval_s)
 
-        def bound() -> float:
-            # This thread waits for the lock that the attempt holds.
-            thread.submit(share.settle, None)
-            time.sleep(0.02)
-            return 1.0
+        async def main() -> None:
+            for _ in range(500):
+                share = spend.admit(lambda: 1.0, **WAITS)
+                sys.setswitchinterval(1e-6)
+                settled = thread.submit(share.settle, None)
+                await enter(admitted(spend))
+                sys.setswitchinterval(interval_s)
+                settled.result()
 
         with ThreadPoolExecutor(1) as thread:
-            run(enter(admit(spend, bound, **WAITS)))
+            run(main())
         self.assert_nothing_held(spend)
 
     def test_stop_deadline_midnight_and_errors_end_the_wait(self) -> None:
