@@ -47,7 +47,6 @@ class LoopCondition(threading.Condition):
 
         Raises what its attempts raise. Where that or a cancellation ends the wait nothing is held.
         """
-        loop = asyncio.get_running_loop()
         # The lock is held from an attempt until the call is among the waiters: a change between the
         # two would wake nobody. No wait comes after the attempt that takes the share, so that no
         # cancellation can lose it.
@@ -55,8 +54,8 @@ class LoopCondition(threading.Condition):
             try:
                 return self._attempt(call)
             except NoRoom:
-                waiter = Waiter(call, loop)
-                waiters = self._by_loop.setdefault(loop, Waiters(self))
+                waiter = Waiter(call, asyncio.get_running_loop())
+                waiters = self._by_loop.setdefault(waiter.loop, Waiters(self))
                 waiters.join(waiter)
         try:
             while True:
@@ -66,7 +65,7 @@ class LoopCondition(threading.Condition):
                         return self._attempt(call)
                     except NoRoom:
                         # They are forgotten while all of them are awake.
-                        waiters = self._by_loop.setdefault(loop, waiters)
+                        waiters = self._by_loop.setdefault(waiter.loop, waiters)
                         waiters.rejoin(waiter, call.alone())
         finally:
             with self:
