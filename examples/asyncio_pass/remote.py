@@ -11,7 +11,7 @@ from typing import Any
 import aiohttp  # type: ignore[import]
 
 _TIMEOUT_S = 1.0
-_REFUSED = 503  # The endpoint is known not to bill what it answers with this status.
+_REFUSED = 429  # The endpoint is known not to bill what it answers with this status.
 
 
 @dataclass(frozen=True)

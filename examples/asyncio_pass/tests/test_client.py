@@ -55,7 +55,7 @@ class Endpoint:
         (fate,) = self._chance.choices(list(self._fates), list(self._fates.values()))
         await asyncio.sleep(self._chance.uniform(0.0, 0.01))
         if fate == "refused":
-            return web.Response(status=503)
+            return web.Response(status=429)
         cost = self._chance.uniform(0.2, 1.0) * REQUEST.dearest().cost
         self.billed_usd += cost
         answer = {"decision": "accept", "input_tokens": 30, "cost_usd": cost}
