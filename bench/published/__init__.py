@@ -1,0 +1,1 @@
+"""Guards of what is spent that others have published, beside the bounds."""
