@@ -6,6 +6,9 @@ import asyncio
 import socket
 import threading
 import unittest
+from contextlib import redirect_stdout
+from io import StringIO
+from pathlib import Path
 from typing import Any
 from unittest import mock
 
@@ -93,6 +96,19 @@ class ClientsTest(unittest.TestCase):
                         self.assertEqual(done.day.spent(), done.calls.unread.shown_usd)
                         self.assertGreater(done.day.spent(), 0.0)
                         self.assertLess(done.day.spent(), endpoint.billed_usd(QUESTIONS[0]))
+
+    def test_program_of_the_readme(self) -> None:
+        text = (Path(__file__).parents[1] / "README.md").read_text(encoding="utf-8")
+        program = text.partition("```python\n")[2].partition("```")[0]
+        names: dict[str, Any] = {}
+        with Endpoint(lambda _: Fate.ANSWERED) as endpoint, mock.patch.dict(
+            "os.environ", OPENAI_BASE_URL=endpoint.url, OPENAI_API_KEY="none"
+        ), redirect_stdout(StringIO()):
+            exec(program, names)
+        self.assertEqual(len(endpoint.bills), 2)
+        self.assertAlmostEqual(
+            names["day"].spent(), sum(usd for _, usd in endpoint.bills), places=9
+        )
 
     def test_one_library_for_many_forms(self) -> None:
         with mock.patch.object(litellm_calls, "MODEL", "anthropic/some-model"):
