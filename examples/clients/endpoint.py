@@ -87,6 +87,7 @@ def _answer(form: Completions, question: str, max_output_tokens: int) -> Answer:
         cache_read_tokens=cache_read,
         cache_write_tokens=cache_write,
         output_tokens=chance.randint(4, max_output_tokens),
+        running_usage=chance.random() < 0.5,
     )
 
 

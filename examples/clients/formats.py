@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import json
 from collections.abc import Iterator
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 from typing import Any
 
 
@@ -17,6 +17,7 @@ class Answer:
     cache_read_tokens: int
     cache_write_tokens: int
     output_tokens: int
+    running_usage: bool  # Each piece of a stream comes with the usage so far, as some endpoints do.
 
 
 class Completions:
@@ -42,9 +43,11 @@ class Completions:
 
     def events(self, model: str, answer: Answer) -> Iterator[bytes]:
         """Yield the events of the answer's stream."""
-        for piece in answer.pieces:
+        for number, piece in enumerate(answer.pieces, 1):
+            so_far = self._usage(replace(answer, output_tokens=number))
+            usage = so_far if answer.running_usage else None
             choice = {"index": 0, "delta": {"content": piece}, "finish_reason": None}
-            yield _event({**_completion(model, ".chunk"), "choices": [choice], "usage": None})
+            yield _event({**_completion(model, ".chunk"), "choices": [choice], "usage": usage})
         last = {"index": 0, "delta": {}, "finish_reason": "stop"}
         yield _event({**_completion(model, ".chunk"), "choices": [last], "usage": None})
         usage = self._usage(answer)

@@ -24,7 +24,7 @@ litellm: Any = importlib.import_module("litellm")
 litellm.suppress_debug_info = True
 logger.setLevel(logging.ERROR)
 
-TIMEOUT_S = 1.0
+TIMEOUT_S = 1.5
 PATIENCE_S = 30.0
 THREADS = 32
 LIBRARIES = (openai_calls, anthropic_calls, litellm_calls, httpx_calls)

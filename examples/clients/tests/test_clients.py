@@ -28,13 +28,13 @@ from examples.clients.tests.support import (
     litellm,
 )
 
-QUESTIONS = [f"route: question {number} to which desk" for number in range(80)]
-# Each fault by turns, and three good answers before each.
+# All faults come first, so that the cap leaves none out.
 FAULTS = [fate for fate in Fate if fate is not Fate.ANSWERED]
 FATES = {
-    question: FAULTS[number // 4 % len(FAULTS)] if number % 4 == 3 else Fate.ANSWERED
-    for number, question in enumerate(QUESTIONS)
+    f"route: question {number} to which desk": fate
+    for number, fate in enumerate([*FAULTS, *FAULTS, *[Fate.ANSWERED] * 26] * 2)
 }
+QUESTIONS = list(FATES)
 CAP_USD = 0.12  # Of some $0.20 that the answers to all questions cost.
 ANSWER = "Sent to the desk."
 
