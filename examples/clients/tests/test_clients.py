@@ -60,6 +60,8 @@ class ClientsTest(unittest.TestCase):
         self.assertAlmostEqual(done.budget.cost, counted_usd, places=9)
         self.assertEqual(done.calls.unread.calls, len(unread))
         self.assertAlmostEqual(done.calls.unread.charged_usd, unread_usd, places=9)
+        unread_billed_usd = sum(map(endpoint.billed_usd, unread))
+        self.assertLessEqual(done.calls.unread.shown_usd, unread_billed_usd)
         self.assertEqual(done.held, (0, 0, 0.0))
 
     def test_every_way_to_call_counts_what_is_billed(self) -> None:
