@@ -35,7 +35,7 @@ FATES = {
     for number, fate in enumerate([*FAULTS, *FAULTS, *[Fate.ANSWERED] * 26] * 2)
 }
 QUESTIONS = list(FATES)
-CAP_USD = 0.12  # Of some $0.20 that the answers to all questions cost.
+CAP_USD = 0.12  # Of some $0.22 that all questions together would be charged.
 ANSWER = "Sent to the desk."
 
 
@@ -193,7 +193,7 @@ class ClientsTest(unittest.TestCase):
                     Prices, "dearest", seventh
                 ), Endpoint(fate) as endpoint:
                     done = Pass()
-                    asyncio.run(cancel())
+                    asyncio.run(asyncio.wait_for(cancel(), 2 * PATIENCE_S))
                     # The thread that admits takes this up when it is done with all before it.
                     done.calls._admission.submit(int).result()
                     self.assertEqual(done.held, (0, 0, 0.0))
