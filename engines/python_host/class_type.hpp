@@ -20,6 +20,9 @@ namespace decision_bounds::python {
 /// A field of a bound: the name of the attribute, and the member that stores it.
 template <typename Bound, typename Member>
 struct Field {
+  // Without a constructor, clang 14 does not find the arguments of the template.
+  constexpr Field(const char* attribute, Member Bound::*stored) : name(attribute), member(stored) {}
+
   const char* name;
   Member Bound::*member;
 };

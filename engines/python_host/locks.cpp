@@ -77,10 +77,10 @@ bool Entered::leave_failed() {
   return swallowed;
 }
 
-Locks::Locks(const Ref& threading, const Ref& condition_type)
+Locks::Locks(const Ref& threading, Ref condition_type)
     : mutex_(LockType::of(call(attribute(threading, "Lock")))),
       reentrant_(LockType::of(call(attribute(threading, "RLock")))),
-      condition_type_(condition_type),
+      condition_type_(std::move(condition_type)),
       deque_type_(attribute(import("collections"), "deque")),
       no_arguments_(tuple_of()),
       enter_name_(interned("__enter__")),

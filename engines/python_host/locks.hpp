@@ -55,7 +55,7 @@ class Entered {
 /// The locks and the condition type of the host, as they were when the module was loaded.
 class Locks {
  public:
-  Locks(const Ref& threading, const Ref& condition_type);
+  Locks(const Ref& threading, Ref condition_type);
   int traverse(visitproc visit, void* arg) const;
 
   Entered enter(const Ref& lock) const;

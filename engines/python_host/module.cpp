@@ -53,8 +53,8 @@ PyModuleDef_Slot slots[] = {
 PyModuleDef definition = {
     PyModuleDef_HEAD_INIT,
     "decision_bounds",
-    nullptr,  // The text of the surface begins with the module's documentation.
-    sizeof(State*),
+    nullptr,        // The text of the surface begins with the module's documentation.
+    sizeof(void*),  // to the state
     nullptr,
     slots,
     traverse,

@@ -34,7 +34,7 @@ template struct Instance<HostBudget>;
 static Ref init(const Python& host, const Arguments& arguments) {
   constexpr std::size_t tally = field_count<HostBudget> - 1;
   constexpr std::size_t condition = field_count<HostBudget>;
-  std::array<PyObject*, field_count<HostBudget> + 1> values;
+  std::array<PyObject*, field_count<HostBudget> + 1> values{};
   for (std::size_t index = 0; index < values.size(); ++index) {
     values[index] = arguments.get(index).get();
   }
