@@ -101,12 +101,11 @@ concept HostThreads = requires(const H& host, typename H::Condition& changed,
 /// failure of the block in `failed(error)`.
 template <typename H>
 concept HostErrors = requires(const H& host, void (*block)(), void (*failed)(...),
-                              typename H::Count count, typename H::Amount amount,
+                              typename H::Amount amount, const RunBudget<H>& budget,
                               const typename H::Summary& summary) {
   H::on_failure(block, block);
   H::attempt(block, failed);
-  { host.rounded(amount) } -> std::convertible_to<typename H::Amount>;
-  { host.summary(count, count, count, amount, count, count) } -> std::same_as<typename H::Summary>;
+  { host.summary(budget) } -> std::same_as<typename H::Summary>;
   host.refuse(Refusal::stopped, messages::stopped);
   host.refuse(Refusal::budget_exceeded, messages::budget_exhausted, summary);
   host.refuse(Refusal::budget_exceeded, messages::cap_reached, amount, amount);

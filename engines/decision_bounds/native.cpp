@@ -3,6 +3,7 @@
 #include <array>
 #include <string_view>
 
+#include "decision_bounds/native_errors.hpp"
 #include "decision_bounds/text.hpp"
 
 namespace decision_bounds {
@@ -26,6 +27,12 @@ std::string fill_amounts(const char* text, double cost, double cap) {
   return fill_in(fill_in(text, "%.4f", fixed_text(cost, 4)), "%.2f", fixed_text(cap, 2));
 }
 
+std::int64_t number(Count count) { return static_cast<std::int64_t>(count); }
+
+Holdings holdings(const HeldRecord& held) {
+  return {number(held.holders), held.amount, number(held.unbounded)};
+}
+
 }  // namespace
 
 std::string Summary::text() const {
@@ -41,7 +48,16 @@ std::string Summary::text() const {
   return text + "}";
 }
 
-double Native::rounded(double cost) { return decision_bounds::rounded(cost, cost_decimals); }
+PassSnapshot snapshot(RunBudget& budget) {
+  const std::lock_guard held(budget.changed_);
+  return {number(budget.calls), number(budget.cache_hits), number(budget.input_tokens),
+          budget.cost,          number(budget.in_flight),  holdings(budget.held_tokens_)};
+}
+
+DaySnapshot snapshot(DailySpend& spend) {
+  const std::lock_guard held(spend.account_.changed_);
+  return {spend.account_.day_, spend.account_.cost_, holdings(spend.account_.held_)};
+}
 
 void Native::wait(Condition& changed, const StopFunction& stopping, const Deadline& deadline,
                   const Clock& clock) const {

@@ -1,35 +1,62 @@
 #pragma once
 
-/// Shares in plain C++: the reply that settles one, and the scope that gives one back.
+/// Shares in plain C++: what a call holds of a bound, given back by its scope at the latest.
 
+#include <array>
 #include <atomic>
-#include <cstdint>
-#include <functional>
-#include <utility>
+#include <concepts>
+#include <cstddef>
+#include <new>
+#include <type_traits>
 
+#include "decision_bounds/native_reply.hpp"
 #include "decision_bounds/share.hpp"
 
 namespace decision_bounds::native {
 
-/// What a bound reads of a reply.
-struct PaidReply {
-  bool cached = false;  ///< From the client's cache: nothing was paid for it.
-  std::int64_t input_tokens = 0;
-  double cost = 0.0;  ///< USD.
-};
+/// A function that is called with the reply, or none, that ended a call. Of a few words that can be
+/// copied as bytes, and kept in place: a share allocates nothing.
+class GiveBack {
+ public:
+  GiveBack() = default;
 
-using GiveBack = std::function<void(const PaidReply* reply)>;
+  template <std::invocable<const PaidReply*> Function>
+  requires std::is_trivially_copyable_v<Function> && std::is_trivially_destructible_v<Function>
+  GiveBack(Function function)
+      : call_([](const std::byte* kept, const PaidReply* reply) {
+          (*std::launder(reinterpret_cast<const Function*>(kept)))(reply);
+        }) {
+    static_assert(sizeof(Function) <= sizeof(kept_) && alignof(Function) <= alignof(void*));
+    ::new (kept_.data()) Function(function);
+  }
+
+  explicit operator bool() const { return call_ != nullptr; }
+  void operator()(const PaidReply* reply) const { call_(kept_.data(), reply); }
+
+ private:
+  void (*call_)(const std::byte* kept, const PaidReply* reply) = nullptr;
+  alignas(void*) std::array<std::byte, 4 * sizeof(void*)> kept_;
+};
 
 /// Holds a give-back function until it is taken, once.
 class GiveBackSlot {
  public:
   GiveBackSlot() = default;
-  explicit GiveBackSlot(GiveBack give_back)
-      : give_back_(std::move(give_back)), held_(give_back_ != nullptr) {}
+  explicit GiveBackSlot(const GiveBack& give_back) { put(give_back); }
+
+  /// Holds `give_back` from now on. No other thread may use the slot meanwhile.
+  void put(const GiveBack& give_back) {
+    give_back_ = give_back;
+    held_.store(static_cast<bool>(give_back), std::memory_order_relaxed);
+  }
 
   /// The function for the first caller, of any thread; an empty one for all others.
   GiveBack exchange_for_none() {
-    return held_.exchange(false) ? std::exchange(give_back_, nullptr) : nullptr;
+    // The load spares the scope of a settled share the exchange.
+    if (held_.load(std::memory_order_relaxed) && held_.exchange(false)) {
+      return give_back_;
+    }
+    return {};
   }
 
  private:
@@ -37,17 +64,26 @@ class GiveBackSlot {
   std::atomic<bool> held_ = false;
 };
 
-/// A share that its scope gives back, without a reply, where nothing settled it before. May be
-/// moved by the thread that owns it; may be settled by any. A give-back function of the caller's
-/// own must not throw at the end of the scope; those of the bounds do not.
-class HeldShare {
+/// A share that its scope gives back, without a reply, where nothing settled it before. It refers
+/// to its bound, which must outlive it. May be moved by the thread that owns it; may be settled by
+/// any. A give-back function of the caller's own must not throw at the end of the scope; those of
+/// the bounds do not.
+class [[nodiscard]] HeldShare {
  public:
   HeldShare() = default;
-  explicit HeldShare(GiveBack give_back) : share_{GiveBackSlot(std::move(give_back))} {}
+  explicit HeldShare(const GiveBack& give_back) : share_{GiveBackSlot(give_back)} {}
   HeldShare(HeldShare&& other) noexcept : HeldShare(other.share_.give_back_.exchange_for_none()) {}
   HeldShare(const HeldShare&) = delete;
   HeldShare& operator=(const HeldShare&) = delete;
   ~HeldShare() { release(); }
+
+  /// Releases what it held before.
+  HeldShare& operator=(HeldShare&& other) noexcept {
+    const GiveBack taken = other.share_.give_back_.exchange_for_none();
+    release();
+    share_.give_back_.put(taken);
+    return *this;
+  }
 
   /// Counts the reply that ended the call and gives the share back. Only the first of `settle` and
   /// `release` does anything.

@@ -119,9 +119,7 @@ struct RunBudget {
   }
 
   /// The cost, in USD, is rounded to 6 decimals; a tie goes to the even digit.
-  typename H::Summary summary_locked(const H& host = {}) const {
-    return host.summary(calls, cache_hits, input_tokens, host.rounded(cost), max_calls, max_tokens);
-  }
+  typename H::Summary summary_locked(const H& host = {}) const { return host.summary(*this); }
 
  private:
   void take_locked(const Amount& tokens) {

@@ -70,10 +70,10 @@ Ref Python::share_of(Ref give_back) const {
   return share;
 }
 
-Ref Python::summary(const Ref& calls, const Ref& cache_hits, const Ref& input_tokens,
-                    const Ref& cost_usd, const Ref& max_calls, const Ref& max_tokens) const {
-  const std::array values = {value_of(calls),    value_of(cache_hits), value_of(input_tokens),
-                             value_of(cost_usd), value_of(max_calls),  value_of(max_tokens)};
+Ref Python::summary(const RunBudget<Python>& budget) const {
+  const std::array values = {value_of(budget.calls),        value_of(budget.cache_hits),
+                             value_of(budget.input_tokens), Ref(rounded(budget.cost)),
+                             value_of(budget.max_calls),    value_of(budget.max_tokens)};
   Ref mapping = Ref::checked(host_call(PyDict_New));
   for (std::size_t entry = 0; entry < values.size(); ++entry) {
     check(PyDict_SetItem(mapping.get(), state->summary_keys[entry].get(), values[entry].get()));

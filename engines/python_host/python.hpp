@@ -86,8 +86,7 @@ struct Python {
   }
   static void attempt(const auto& block, const auto& failed) { python::attempt(block, failed); }
 
-  Ref summary(const Ref& calls, const Ref& cache_hits, const Ref& input_tokens, const Ref& cost_usd,
-              const Ref& max_calls, const Ref& max_tokens) const;
+  Ref summary(const RunBudget<Python>& budget) const;
   [[noreturn]] void refuse(Refusal refusal, const char* text) const;
   [[noreturn]] void refuse(Refusal refusal, const char* text, const Ref& summary) const;
   [[noreturn]] void refuse(Refusal refusal, const char* text, const Ref& cost,

@@ -89,7 +89,7 @@ TEST_F(DailySpendTest, ReachingTheCapRefusesAndWarnsOnceADay) {
   // A refused call is not asked what it may cost, nor looked at for a stop or its deadline.
   stop = true;
   deadline = -1.0;
-  const auto refused = [this] { admit(interrupt); };
+  const auto refused = [this] { return admit(interrupt); };
   for (int attempt = 0; attempt < 2; ++attempt) {
     EXPECT_THAT(refused,
                 ThrowsMessage<DecisionBudgetExceeded>(

@@ -18,6 +18,10 @@ using ::testing::ElementsAre;
 using ::testing::SizeIs;
 using ::testing::ThrowsMessage;
 
+using native::DecisionBudgetExceeded;
+using native::DecisionStopped;
+using native::DecisionTimeout;
+
 inline constexpr double unknown = std::numeric_limits<double>::infinity();
 inline constexpr double not_a_number = std::numeric_limits<double>::quiet_NaN();
 

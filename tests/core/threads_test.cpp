@@ -37,14 +37,15 @@ TEST(Threads, TheDayStopsWithinOneCallOfItsCap) {
   } log;
   constexpr int dearest_64ths = 6;  // 64ths of a USD, whose sums are exact.
   constexpr int in_flight_when_full = 21;
-  DailySpend account{.cap = 2.0, .today = [] { return "2024-02-29"; }};
+  DailySpend account(
+      2.0, [] { return "2024-02-29"; }, {}, &log);
   RequestRates rates;
   std::atomic<int> paid_64ths = 0;
   std::atomic<int> admitted = 0;
   const auto call = [&](int cost_64ths, int in_flight) {
     const PaidReply reply{.cost = cost_64ths / 64.0};
     const auto bound = [&] { return rates.cost(100, "rank"); };
-    HeldShare share = account.admit(bound, {}, {}, {}, Native{.log = &log});
+    HeldShare share = account.admit(bound);
     ++admitted;
     admitted.notify_all();
     wait_until_at_least(admitted, in_flight);
@@ -64,7 +65,7 @@ TEST(Threads, TheDayStopsWithinOneCallOfItsCap) {
   EXPECT_EQ(account.spent(), paid_64ths / 64.0);
   EXPECT_GE(paid_64ths, 2 * 64);
   EXPECT_LT(paid_64ths, 2 * 64 + dearest_64ths);
-  EXPECT_EQ(account.held_.holders, 0);
+  EXPECT_EQ(snapshot(account).held.holders, 0);
   EXPECT_EQ(log.warnings, 1);
 }
 
