@@ -3,6 +3,7 @@
 
 #include <array>
 #include <benchmark/benchmark.h>
+#include <chrono>
 #include <cstdint>
 #include <mutex>
 #include <semaphore>
@@ -32,21 +33,21 @@ class Client {
       rates.learn(2000, "feature " + std::to_string(kind), reply);
     }
     for (std::int64_t day = 0; day < days; ++day) {
-      date_ = "day " + std::to_string(100'000 + day);  // As long as a date.
+      today_ += std::chrono::days(1);
       spend.charge(reply);
     }
   }
 
   native::RunBudget budget{.max_calls = unlimited, .max_tokens = unlimited};
   native::RequestRates rates;
-  native::DailySpend spend{1e15, [this] { return date_; }};
+  native::DailySpend spend{1e15, [this] { return today_; }};
   native::Condition changed;
   std::mutex mutex;
   std::counting_semaphore<> semaphore{4096};
   const std::string feature = "feature 0";
 
  private:
-  std::string date_ = "2024-02-29";
+  std::chrono::sys_days today_{};
 };
 
 void reserve_charge(Client& client) {

@@ -35,7 +35,7 @@ class Condition {
   std::condition_variable woken_;
   std::atomic<std::thread::id> owner_{};  ///< Compared without the lock, only with oneself.
   int depth_ = 0;                         ///< Levels that the owner holds.
-  int sleepers_ = 0;                      ///< Threads in `wait`, some of them perhaps woken already.
+  int sleepers_ = 0;  ///< Threads in `wait`, some of them perhaps woken already.
 };
 
 }  // namespace decision_bounds::native

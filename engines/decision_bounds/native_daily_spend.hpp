@@ -2,18 +2,17 @@
 
 /// The daily cost cap in plain C++.
 
+#include <chrono>
 #include <concepts>
+#include <exception>
 #include <functional>
 #include <optional>
-#include <string>
 #include <utility>
 
 #include "decision_bounds/daily_spend.hpp"
 #include "decision_bounds/native_host.hpp"
 
 namespace decision_bounds {
-
-extern template struct DailySpend<native::Native>;
 
 namespace native {
 
@@ -26,27 +25,38 @@ struct Waits {
 
 /// What a day has counted and what its calls in flight hold, all at one moment.
 struct DaySnapshot {
-  std::string day;     ///< The date of the last use; empty before the first.
-  double spent_usd{};  ///< What was settled on that date.
-  Holdings held;       ///< USD.
+  std::optional<std::chrono::sys_days> day;  ///< The date of the last use; none before the first.
+  double spent_usd{};                        ///< What was settled on that date.
+  Holdings held;                             ///< USD.
 
   bool operator==(const DaySnapshot&) const = default;
+};
+
+/// The host of the daily cap: its dates are days, not texts.
+struct DailyNative : Native {
+  using Text = std::chrono::sys_days;
+  using DateFunction = std::function<std::chrono::sys_days()>;
+  using Ledger = std::function<double(std::chrono::sys_days day)>;
+
+  /// The share keeps a reference to its bound and a copy of this host.
+  HeldShare make_share(decision_bounds::DailySpend<DailyNative>& spend, double held) const;
+  void warn_of_error(const char* text, std::chrono::sys_days day,
+                     const std::exception& error) const;
 };
 
 /// The bound of what the paid calls of one UTC day cost, continued from a ledger. One for all the
 /// paid calls of a client, across days, used by any number of threads. It must outlive the shares
 /// that it made, and the log must outlive it.
 ///
-/// `today`, `ledger` and `bound` are called with the lock held, and must not use the account.
+/// `today`, `ledger` and the functions of a call are called with the lock held, and must not use
+/// the account.
 class DailySpend {
  public:
   /// A day's calls may cost `cap_usd`. `today` returns the UTC date. `ledger` returns what was paid
-  /// since a date, USD, and is asked once a date; without one, each day counts from 0. `log` takes
+  /// since a date, USD, and is asked once a date; without one, each date counts from 0. `log` takes
   /// the warnings of a cap that is reached and of a ledger that throws, which counts as 0.
-  explicit DailySpend(double cap_usd, std::function<std::string()> today,
-                      std::function<double(const std::string& day)> ledger = {}, Log* log = nullptr)
-      : account_{.cap = cap_usd, .today = std::move(today), .ledger = std::move(ledger)},
-        host_{log} {}
+  explicit DailySpend(double cap_usd, DailyNative::DateFunction today,
+                      DailyNative::Ledger ledger = {}, Log* log = nullptr);
 
   /// What the paid calls of today cost so far, USD, without what the calls in flight hold.
   double spent() { return account_.spent(host_); }
@@ -69,10 +79,12 @@ class DailySpend {
   friend DaySnapshot snapshot(DailySpend& spend);
 
  private:
-  decision_bounds::DailySpend<Native> account_;
-  Native host_;
+  decision_bounds::DailySpend<DailyNative> account_;
+  DailyNative host_;
 };
 
 }  // namespace native
+
+extern template struct DailySpend<native::DailyNative>;
 
 }  // namespace decision_bounds

@@ -145,6 +145,7 @@ struct HeldRecord : Held<Native> {
   bool admits(double share, CountedAmount used, CountedAmount limit) const {
     return admits(share, 0.0, least_double_from(limit.count - used.count));
   }
+  Holdings holdings() const;
 };
 
 static_assert(Host<Native>);
@@ -155,6 +156,5 @@ namespace decision_bounds {
 
 extern template struct Held<native::Native>;
 extern template struct Charges<native::Native>;
-extern template struct RunBudget<native::Native>;
 
 }  // namespace decision_bounds

@@ -7,7 +7,11 @@
 #include "decision_bounds/native_host.hpp"
 #include "decision_bounds/run_budget.hpp"
 
-namespace decision_bounds::native {
+namespace decision_bounds {
+
+extern template struct RunBudget<native::Native>;
+
+namespace native {
 
 /// The bound of one batch pass, shared by the threads that make its calls. It must outlive the
 /// shares that it made.
@@ -31,4 +35,6 @@ struct PassSnapshot {
 
 PassSnapshot snapshot(RunBudget& budget);
 
-}  // namespace decision_bounds::native
+}  // namespace native
+
+}  // namespace decision_bounds

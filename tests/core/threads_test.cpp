@@ -1,6 +1,7 @@
 // The bounds under many threads at once.
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <future>
 #include <string>
@@ -38,7 +39,7 @@ TEST(Threads, TheDayStopsWithinOneCallOfItsCap) {
   constexpr int dearest_64ths = 6;  // 64ths of a USD, whose sums are exact.
   constexpr int in_flight_when_full = 21;
   DailySpend account(
-      2.0, [] { return "2024-02-29"; }, {}, &log);
+      2.0, [] { return std::chrono::sys_days(); }, {}, &log);
   RequestRates rates;
   std::atomic<int> paid_64ths = 0;
   std::atomic<int> admitted = 0;
