@@ -12,7 +12,7 @@ endif()
 if(GTest_FOUND)
     file(GLOB core_test_sources CONFIGURE_DEPENDS tests/core/*.cpp)
     add_executable(core_tests ${core_test_sources})
-    target_link_libraries(core_tests PRIVATE decision_bounds_core GTest::gmock_main project_warnings)
+    target_link_libraries(core_tests PRIVATE decision_bounds::core GTest::gmock_main decision_bounds_warnings)
     add_test(NAME core COMMAND core_tests)
 else()
     # The demo is built without GoogleTest; `scripts/setup test` installs it.
