@@ -25,9 +25,9 @@ struct Waits {
 
 /// What a day has counted and what its calls in flight hold, all at one moment.
 struct DaySnapshot {
-  std::optional<std::chrono::sys_days> day;  ///< The date of the last use; none before the first.
-  double spent_usd{};                        ///< What was settled on that date.
-  Holdings held;                             ///< USD.
+  std::optional<std::chrono::sys_days> day{};  ///< The date of the last use; none before the first.
+  double spent_usd{};                          ///< What was settled on that date.
+  Holdings held{};                             ///< USD.
 
   bool operator==(const DaySnapshot&) const = default;
 };

@@ -28,7 +28,7 @@ struct PassSnapshot {
   std::int64_t input_tokens{};
   double cost_usd{};  ///< Not rounded.
   std::int64_t in_flight{};
-  Holdings held;  ///< Input tokens.
+  Holdings held{};  ///< Input tokens.
 
   bool operator==(const PassSnapshot&) const = default;
 };

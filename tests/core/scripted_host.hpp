@@ -52,9 +52,22 @@ struct ScriptedCondition {
   }
 };
 
+/// A lock of a test with one thread: how often it was taken.
+struct CountedMutex {
+  int taken = 0;
+  bool held = false;
+
+  void lock() {
+    ++taken;
+    held = true;
+  }
+  void unlock() { held = false; }
+};
+
 /// Numbers, callbacks and errors are those of plain C++.
 struct Scripted : native::Native {
   using Condition = ScriptedCondition;
+  using Mutex = CountedMutex;
 
   bool cost_is_unreadable = false;
   bool share_cannot_be_made = false;
