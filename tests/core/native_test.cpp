@@ -46,8 +46,8 @@ TEST_F(NativeTest, TheWaitsOfAnAdmissionHaveNames) {
       1.0, [this] { return today; }, [](sys_days) { return 0.25; });
   const HeldShare full = spend.admit([] { return 0.75; });
   const auto admit = [&](const Waits& waits) { spend.admit([] { return 0.25; }, waits).release(); };
-  EXPECT_THROW(admit({.deadline = 7.0, .clock = [] { return 7.0; }}), DecisionTimeout);
-  EXPECT_THROW(admit({.stopping = [] { return true; }}), DecisionStopped);
+  EXPECT_THROW((void)admit({.deadline = 7.0, .clock = [] { return 7.0; }}), DecisionTimeout);
+  EXPECT_THROW((void)admit({.stopping = [] { return true; }}), DecisionStopped);
 }
 
 TEST_F(NativeTest, ASnapshotTellsWhatIsCountedAndWhatIsHeld) {
