@@ -22,7 +22,10 @@ class Count {
   constexpr explicit operator std::int64_t() const { return value_; }
   constexpr explicit operator double() const { return static_cast<double>(value_); }
 
-  friend constexpr auto operator<=>(const Count&, const Count&) = default;
+  friend constexpr bool operator==(Count left, Count right) = default;
+  friend constexpr auto operator<=>(Count left, Count right) {
+    return left.value_ <=> right.value_;
+  }
 
   friend constexpr Count operator+(Count left, Count right) {
     if (right.value_ > 0 && left.value_ > largest - right.value_) {

@@ -52,7 +52,8 @@ struct CountedAmount {
   operator double() const { return static_cast<double>(count); }
 };
 
-/// The host. A default one logs nothing. A log must outlive the shares that were made with it.
+/// The host. A default one logs nothing. A log must outlive the shares that were made with it. What
+/// is cold is kept out of the way of a call that is admitted.
 struct Native {
   using Count = native::Count;
   using Amount = double;

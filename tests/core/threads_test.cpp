@@ -78,7 +78,8 @@ TEST(Threads, EveryCallOfAPassGetsItsTurnAndUnboundedOnesRunAlone) {
     HeldShare share = budget.hold(alone ? unknown : 400.0);
     // Two shares leave some room; a third one, admitted into it, leaves none.
     EXPECT_LE(++in_flight, alone ? 1 : 3);
-    std::this_thread::yield();
+    const PassSnapshot seen = snapshot(budget);
+    EXPECT_EQ(seen.held.holders, seen.in_flight) << "both change under one holding of the lock";
     --in_flight;
     share.settle({.input_tokens = 10, .cost = 0.125});
   });
