@@ -28,23 +28,19 @@ class Count {
   }
 
   friend constexpr Count operator+(Count left, Count right) {
-    if (right.value_ > 0 && left.value_ > largest - right.value_) {
-      return largest;
+    std::int64_t sum = 0;
+    if (__builtin_add_overflow(left.value_, right.value_, &sum)) {
+      return right.value_ > 0 ? largest : smallest;
     }
-    if (right.value_ < 0 && left.value_ < smallest - right.value_) {
-      return smallest;
-    }
-    return left.value_ + right.value_;
+    return sum;
   }
 
   friend constexpr Count operator-(Count left, Count right) {
-    if (right.value_ < 0 && left.value_ > largest + right.value_) {
-      return largest;
+    std::int64_t difference = 0;
+    if (__builtin_sub_overflow(left.value_, right.value_, &difference)) {
+      return right.value_ < 0 ? largest : smallest;
     }
-    if (right.value_ > 0 && left.value_ < smallest + right.value_) {
-      return smallest;
-    }
-    return left.value_ - right.value_;
+    return difference;
   }
 
  private:

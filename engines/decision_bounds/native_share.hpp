@@ -38,6 +38,23 @@ class GiveBack {
   alignas(void*) std::array<std::byte, 4 * sizeof(void*)> kept_;
 };
 
+/// A give-back function that was taken from its slot, or none. It is called where it lies: a copy
+/// would cost a fifth of a hold and a settle.
+class TakenGiveBack {
+ public:
+  TakenGiveBack() = default;
+  explicit TakenGiveBack(const GiveBack& taken) : taken_(&taken) {}
+
+  explicit operator bool() const { return taken_ != nullptr; }
+  void operator()(const PaidReply* reply) const { (*taken_)(reply); }
+
+  /// A copy, for another slot.
+  GiveBack copy() const { return taken_ != nullptr ? *taken_ : GiveBack(); }
+
+ private:
+  const GiveBack* taken_ = nullptr;
+};
+
 /// Holds a give-back function until it is taken, once.
 class GiveBackSlot {
  public:
@@ -50,11 +67,12 @@ class GiveBackSlot {
     held_.store(static_cast<bool>(give_back), std::memory_order_relaxed);
   }
 
-  /// The function for the first caller, of any thread; an empty one for all others.
-  GiveBack exchange_for_none() {
+  /// The function for the first caller, of any thread; none for all others. The slot must outlive
+  /// its use.
+  TakenGiveBack exchange_for_none() {
     // The load spares the scope of a settled share the exchange.
     if (held_.load(std::memory_order_relaxed) && held_.exchange(false)) {
-      return give_back_;
+      return TakenGiveBack(give_back_);
     }
     return {};
   }
@@ -72,14 +90,15 @@ class [[nodiscard]] HeldShare {
  public:
   HeldShare() = default;
   explicit HeldShare(const GiveBack& give_back) : share_{GiveBackSlot(give_back)} {}
-  HeldShare(HeldShare&& other) noexcept : HeldShare(other.share_.give_back_.exchange_for_none()) {}
+  HeldShare(HeldShare&& other) noexcept
+      : HeldShare(other.share_.give_back_.exchange_for_none().copy()) {}
   HeldShare(const HeldShare&) = delete;
   HeldShare& operator=(const HeldShare&) = delete;
   ~HeldShare() { release(); }
 
   /// Releases what it held before.
   HeldShare& operator=(HeldShare&& other) noexcept {
-    const GiveBack taken = other.share_.give_back_.exchange_for_none();
+    const GiveBack taken = other.share_.give_back_.exchange_for_none().copy();
     release();
     share_.give_back_.put(taken);
     return *this;
