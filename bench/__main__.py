@@ -7,9 +7,9 @@ import os
 from collections.abc import Callable
 from pathlib import Path
 
-from bench import growth, guards, load, native, surface
+from bench import asyncio_pass, growth, guards, in_order, load, native, surface
 
-_SECTIONS = ("surface", "load", "native", "growth", "guards")
+_SECTIONS = ("surface", "load", "native", "growth", "guards", "in_order", "asyncio_pass")
 
 
 def main() -> None:
@@ -35,6 +35,8 @@ def main() -> None:
         "native": lambda: native.report(build, options.quick),
         "growth": lambda: growth.report(build, options.quick),
         "guards": lambda: guards.report(build, options.quick, options.picture),
+        "in_order": lambda: in_order.report(build, options.quick),
+        "asyncio_pass": lambda: asyncio_pass.report(build, options.quick),
     }
     for name, report in sections.items():
         if options.section in (None, name):

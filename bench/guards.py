@@ -1,216 +1,295 @@
-"""What the bound is for: 64 threads spend against a cap of $1.00, under three guards.
+"""What the bound is for: 64 threads ask an endpoint that fails and keeps a bill, under each guard.
 
-Two guards are what is written first without this module. One checks what was spent and adds what
-the call cost when it ends; the other holds a fixed estimate of a call while it is in flight.
+The guards without this module are what is written first. All get the same requests, and the
+endpoint's bill says what each let through.
 """
 
 from __future__ import annotations
 
+import math
 import random
 import statistics
 import threading
 import time
-from collections.abc import Callable, Iterator
-from contextlib import AbstractContextManager, contextmanager
-from dataclasses import dataclass, field
+from collections.abc import Callable
+from concurrent.futures import ThreadPoolExecutor
+from dataclasses import dataclass
 from pathlib import Path
+from queue import Empty, SimpleQueue
 from types import ModuleType
 from typing import Any
 
+from examples.batch_pass.endpoint import MAX_OUTPUT_TOKENS, Endpoint
+from examples.batch_pass.prices import dearest
+from examples.batch_pass.remote import NotBilled, NotRead, Remote, Reply
+
 from bench import picture, subjects
 
-CAP_USD = 1.0
+CAP_USD = 0.6
 _THREADS = 64
-_CALL_S = 0.003
-_REQUEST_BYTES = 2000
-_ESTIMATE_USD = 0.075  # What a call costs on average, without the dear ones.
+_REQUESTS = 900  # What all of them cost is nearly twice the cap.
+_TIMEOUT_S = 1.0
+_KINDS = ("moderate", "refund", "route", "summarise", "triage")
 
 
-class CapReached(Exception):
-    """The guard admits no further call."""
+class Refused(Exception):
+    """The guard does not admit the call."""
 
 
-class CheckThenAdd:
-    """Admits a call while what was spent is below the cap, and adds what it cost when it ends."""
+@dataclass(frozen=True)
+class Request:
+    """One question; no two have the same text."""
 
-    def __init__(self) -> None:
-        self._lock, self._spent = threading.Lock(), 0.0
+    kind: str
+    text: str
 
-    @contextmanager
-    def call(self, usd: float) -> Iterator[None]:
-        """Around a call that turns out to cost ``usd``; raises ``CapReached``."""
-        with self._lock:
-            if self._spent >= CAP_USD:
-                raise CapReached
-        yield
-        with self._lock:
-            self._spent += usd
+    @property
+    def most(self) -> Reply:
+        """Return the dearest reply that the price list and the answer's limit allow."""
+        return dearest(len(self.text))
 
 
-class FixedEstimate:
-    """Admits a call while what was spent and an estimate for each call in flight fit the cap."""
+class NoGuard:
+    """Admits every call, and adds what the replies that were read say."""
 
     def __init__(self) -> None:
-        self._changed, self._spent, self._in_flight = threading.Condition(), 0.0, 0
+        self.counted_usd = 0.0
+        self.changed = threading.Condition()
 
-    @contextmanager
-    def call(self, usd: float) -> Iterator[None]:
-        """Around a call that turns out to cost ``usd``; raises ``CapReached``."""
-        with self._changed:
-            while self._spent + (self._in_flight + 1) * _ESTIMATE_USD > CAP_USD:
-                if self._in_flight == 0:
-                    raise CapReached
-                self._changed.wait()
-            self._in_flight += 1
-        yield
-        with self._changed:
-            self._in_flight -= 1
-            self._spent += usd
-            self._changed.notify_all()
+    def admit(self, request: Request) -> Any:
+        """Return what the call holds, for ``settle``. Raises ``Refused``."""
+
+    def unread(self, _request: Request) -> Reply | None:
+        """Return what an attempt counts as that may be billed and was never read."""
+        return None
+
+    def settle(self, _held: Any, paid: Reply | None) -> None:
+        """Count what an admitted call came to."""
+        with self.changed:
+            self.counted_usd += paid.cost if paid else 0.0
+            self.changed.notify_all()
 
 
-class Bounded:
-    """The module's daily cap, with a bound for each call from the replies before it."""
+class CheckThenAdd(NoGuard):
+    """Admits a call while what was counted is below the cap."""
 
-    def __init__(self, bounds: ModuleType, learned_usd: list[float]) -> None:
-        self._bounds, self._spend = bounds, subjects.spend(bounds, CAP_USD)
-        self._rates = bounds.RequestRates()
-        for usd in learned_usd:
-            self._learn(subjects.Reply(cost=usd))
+    def admit(self, request: Request) -> Any:
+        if self.counted_usd >= CAP_USD:
+            raise Refused
 
-    @contextmanager
-    def call(self, usd: float) -> Iterator[None]:
-        """Around a call that turns out to cost ``usd``; raises ``CapReached``."""
+
+class _Holding(NoGuard):
+    """Holds an amount for each call in flight, and admits a call where all of it fits the cap."""
+
+    def __init__(self) -> None:
+        super().__init__()
+        self.held_usd = 0.0
+
+    def fits(self, usd: float) -> bool:
+        """Return whether a call may start that holds ``usd``; the caller holds the lock."""
+        return self.counted_usd + self.held_usd + usd <= CAP_USD
+
+    def settle(self, held: Any, paid: Reply | None) -> None:
+        with self.changed:
+            self.held_usd -= held
+            super().settle(held, paid)
+
+
+class EstimateAndWait(_Holding):
+    """Holds what a call costs on average, and waits where that does not fit."""
+
+    def __init__(self, average_usd: float) -> None:
+        super().__init__()
+        self._average_usd = average_usd
+
+    def admit(self, request: Request) -> Any:
+        with self.changed:
+            while not self.fits(self._average_usd):
+                if self.counted_usd + self._average_usd > CAP_USD:
+                    raise Refused
+                self.changed.wait()
+            self.held_usd += self._average_usd
+            return self._average_usd
+
+
+class DearestOrRefuse(_Holding):
+    """Holds the most that a call may cost, and refuses at once where that does not fit."""
+
+    def admit(self, request: Request) -> Any:
+        with self.changed:
+            if not self.fits(request.most.cost):
+                raise Refused
+            self.held_usd += request.most.cost
+            return request.most.cost
+
+    def unread(self, request: Request) -> Reply | None:
+        return request.most
+
+
+class Bounded(NoGuard):
+    """The module's daily cap. The bound of a call is what ``most`` answers for its request."""
+
+    def __init__(self, bounds: ModuleType, most: Callable[[Request], Reply]) -> None:
+        super().__init__()
+        self._bounds, self._most = bounds, most
+        self._spend = subjects.spend(bounds, CAP_USD)
+
+    def admit(self, request: Request) -> Any:
         try:
-            share = subjects.admit(self._spend, self._bound, self._bounds.never)
+            return subjects.admit(self._spend, lambda: self._most(request).cost, self._bounds.never)
         except self._bounds.DecisionBudgetExceeded:
-            raise CapReached from None
-        with share:
-            yield
-            reply = subjects.Reply(cost=usd)
-            self._learn(reply)
-            share.settle(reply)
+            raise Refused from None
 
-    def _bound(self) -> float:
-        return float(self._rates.cost(_REQUEST_BYTES, "answer"))
+    def unread(self, request: Request) -> Reply | None:
+        return self._most(request)
 
-    def _learn(self, reply: subjects.Reply) -> None:
-        self._rates.learn(_REQUEST_BYTES, "answer", reply)
+    def settle(self, held: Any, paid: Reply | None) -> None:
+        held.settle(paid)
+        self.counted_usd = self._spend.spent()
 
 
-@dataclass
+class OnlyRead(Bounded):
+    """The same, but it does not count what was never read."""
+
+    def unread(self, _request: Request) -> Reply | None:
+        return None
+
+
+@dataclass(frozen=True)
 class Pass:
-    """The cost of each call of a pass, in the order in which they ended, and its length."""
+    """What came of the requests under one guard."""
 
-    settled_usd: list[float] = field(default_factory=list)
-    seconds: float = 0.0
-
-    @property
-    def over_usd(self) -> float:
-        """By how much the spend passed the cap."""
-        return max(0.0, sum(self.settled_usd) - CAP_USD)
+    billed_usd: float
+    counted_usd: float
+    seconds: float
 
     @property
-    def unused_usd(self) -> float:
-        """How much of the cap was left."""
-        return max(0.0, CAP_USD - sum(self.settled_usd))
+    def over(self) -> float:
+        """How far the bill passes the cap, as a part of the cap; negative where it is below."""
+        return self.billed_usd / CAP_USD - 1
 
 
-def usual_calls(chance: random.Random) -> float:
-    """A call of $0.05 to $0.10."""
-    return chance.uniform(0.05, 0.10)
+def requests(seed: int) -> list[Request]:
+    """Return the requests of a pass: of all kinds, from 40 to 2,000 bytes, short ones more often."""
+    chance = random.Random(seed)
+    made = []
+    for number in range(_REQUESTS):
+        kind = chance.choice(_KINDS)
+        text = f"{kind}: {seed}.{number} ".ljust(int(40 * 50 ** chance.random()), ".")
+        made.append(Request(kind, text))
+    return made
 
 
-def mixed_calls(chance: random.Random) -> float:
-    """The same, but one in ten costs ten times as much."""
-    return usual_calls(chance) * (10.0 if chance.random() < 0.1 else 1.0)
+def replies(seed: int) -> list[tuple[Request, Reply]]:
+    """Return the replies to the requests of another pass, as the endpoint would answer them."""
+    with Endpoint(seed) as endpoint:
+        answers = [
+            (each, endpoint.attempt(each.kind, each.text, MAX_OUTPUT_TOKENS).answer)
+            for each in requests(seed)
+        ]
+    return [
+        (request, Reply(answer["decision"], answer["input_tokens"], answer["cost_usd"]))
+        for request, answer in answers
+    ]
 
 
-def run_pass(
-    guarded: Callable[[float], AbstractContextManager[None]],
-    price: Callable[[random.Random], float],
-    seed: int,
-) -> Pass:
-    """Let all threads make calls until the guard refuses them."""
-    chance, lock, done, begin = random.Random(seed), threading.Lock(), Pass(), threading.Event()
+def run_pass(guard: NoGuard, seed: int) -> Pass:
+    """Ask for all requests of ``seed`` under ``guard``; a refused one is not asked again."""
+    todo: SimpleQueue[Request] = SimpleQueue()
+    for each in requests(seed):
+        todo.put(each)
 
-    def make_calls() -> None:
-        begin.wait()
+    def work(remote: Remote) -> None:
         while True:
-            with lock:
-                usd, seconds = price(chance), _CALL_S * chance.uniform(0.5, 1.5)
             try:
-                with guarded(usd):
-                    time.sleep(seconds)
-                    done.settled_usd.append(usd)
-            except CapReached:
+                request = todo.get_nowait()
+                held = guard.admit(request)
+            except Refused:
+                continue
+            except Empty:
                 return
+            paid: Reply | None = None
+            try:
+                paid = remote.ask(request.kind, request.text, _TIMEOUT_S)
+            except NotBilled:
+                pass
+            except NotRead:
+                paid = guard.unread(request)
+            finally:
+                guard.settle(held, paid)
 
-    threads = [threading.Thread(target=make_calls) for _ in range(_THREADS)]
-    for thread in threads:
-        thread.start()
-    start = time.perf_counter()
-    begin.set()
-    for thread in threads:
-        thread.join()
-    done.seconds = time.perf_counter() - start
-    return done
+    with Endpoint(seed) as endpoint:
+        begun = time.perf_counter()
+        with ThreadPoolExecutor(_THREADS) as pool:
+            workers = [pool.submit(work, Remote(endpoint.url)) for _ in range(_THREADS)]
+        for worker in workers:
+            worker.result()
+        seconds = time.perf_counter() - begun
+        billed_usd = math.fsum(charge.cost_usd for charge in endpoint.bill)
+    return Pass(billed_usd, guard.counted_usd, seconds)
 
 
-MIXES = {
-    "Calls of $0.05 to $0.10": usual_calls,
-    "One call in ten costs ten times as much": mixed_calls,
-}
+def guards(bounds: ModuleType, seed: int) -> dict[str, NoGuard]:
+    """Return a new guard of each kind by its name; what is learned is from an earlier pass."""
+    earlier = replies(1000 + seed)
+    rates = bounds.RequestRates()
+    for request, reply in earlier:
+        rates.learn(len(request.text), request.kind, reply)
 
+    def learned(request: Request) -> Reply:
+        return Reply("", 0, rates.cost(len(request.text), request.kind))
 
-def guards(
-    bounds: ModuleType, price: Callable[[random.Random], float], seed: int
-) -> dict[str, Any]:
-    """A new guard of each kind by its name; the last has seen 200 replies of an earlier day."""
-    chance = random.Random(1000 + seed)
+    def listed(request: Request) -> Reply:
+        return request.most
+
     return {
-        "check, then add": CheckThenAdd(),
-        "fixed estimate": FixedEstimate(),
-        "this module, cold": Bounded(bounds, []),
-        "this module, learned": Bounded(bounds, [price(chance) for _ in range(200)]),
+        "no guard": NoGuard(),
+        "check the spend, add afterwards": CheckThenAdd(),
+        "hold the average, wait": EstimateAndWait(
+            statistics.mean(reply.cost for _, reply in earlier)
+        ),
+        "hold the dearest, refuse at once": DearestOrRefuse(),
+        "this module, unread not counted": OnlyRead(bounds, listed),
+        "this module, learned prices": Bounded(bounds, learned),
+        "this module, price list": Bounded(bounds, listed),
     }
 
 
 def report(build: Path, quick: bool, drawing: Path | None = None) -> str:
-    """The tables of how far each guard passes the cap; draws the median ones where asked to."""
+    """The table of what each guard lets through; draws it where asked to."""
     bounds = subjects.module(build)
     bounds.logger.disabled = True
-    tables, panels = [], {}
-    for title, price in MIXES.items():
-        passes: dict[str, list[Pass]] = {}
-        for seed in range(5 if quick else 20):
-            for name, guard in guards(bounds, price, seed).items():
-                passes.setdefault(name, []).append(run_pass(guard.call, price, seed))
-        panels[title] = {name: _median_run(runs).settled_usd for name, runs in passes.items()}
-        lines = [
+    passes: dict[str, list[Pass]] = {}
+    for seed in range(2 if quick else 7):
+        for name, guard in guards(bounds, seed).items():
+            passes.setdefault(name, []).append(run_pass(guard, seed))
+    if drawing is not None:
+        bars = {
+            name: picture.Bar(
+                [each.over for each in runs],
+                statistics.median(each.counted_usd / CAP_USD - 1 for each in runs),
+            )
+            for name, runs in passes.items()
+        }
+        drawing.write_text(picture.draw(bars), encoding="utf-8")
+    return subjects.table(
+        f"The endpoint's bill beside the cap, {_REQUESTS} requests, {_THREADS} threads, faults on",
+        ["guard", "median", "lowest", "highest", "count beside the bill", "pass: s"],
+        [
             [
                 name,
-                *_median_and_worst([each.over_usd for each in runs]),
-                *_median_and_worst([each.unused_usd for each in runs]),
-                f"{statistics.median(1000 * each.seconds for each in runs):.0f}",
+                _percent(statistics.median(each.over for each in runs)),
+                _percent(min(each.over for each in runs)),
+                _percent(max(each.over for each in runs)),
+                _percent(
+                    statistics.median(each.counted_usd / each.billed_usd - 1 for each in runs)
+                ),
+                f"{statistics.median(each.seconds for each in runs):.1f}",
             ]
             for name, runs in passes.items()
-        ]
-        tables.append(
-            subjects.table(
-                f"{title}: USD over the cap of $1.00 and unused, {_THREADS} threads",
-                ["guard", "over: median", "worst", "unused: median", "worst", "pass: ms"],
-                lines,
-            )
-        )
-    if drawing is not None:
-        drawing.write_text(picture.draw(panels, CAP_USD), encoding="utf-8")
-    return "\n".join(tables)
+        ],
+    )
 
 
-def _median_run(runs: list[Pass]) -> Pass:
-    return sorted(runs, key=lambda each: each.over_usd)[len(runs) // 2]
-
-
-def _median_and_worst(values: list[float]) -> list[str]:
-    return [f"{statistics.median(values):.2f}", f"{max(values):.2f}"]
+def _percent(part: float) -> str:
+    return f"{100 * part:+.1f} %"

@@ -41,10 +41,16 @@ struct Held {
     }
   }
 
-  /// As `take`, but a share that cannot be added leaves the record as it was.
+  /// As `take`, but a share that cannot be added leaves the record as it was: nothing is stored
+  /// before all that can fail is done.
   void take_or_nothing(const Amount& share) {
-    const Held before = *this;
-    H::on_failure([&] { take(share); }, [&] { *this = before; });
+    const Count more = holders + 1;
+    if (H::is_infinite(share)) {
+      unbounded = unbounded + 1;
+    } else {
+      amount = amount + share;
+    }
+    holders = more;
   }
 
   /// Removes the share that an ending call took. No field goes below zero.

@@ -101,7 +101,7 @@ concept HostThreads = requires(const H& host, typename H::Condition& changed,
 /// failure of the block in `failed(error)`.
 template <typename H>
 concept HostErrors = requires(const H& host, void (*block)(), void (*failed)(...),
-                              typename H::Amount amount, const RunBudget<H>& budget,
+                              const RunBudget<H>& budget, typename H::Amount amount,
                               const typename H::Summary& summary) {
   H::on_failure(block, block);
   H::attempt(block, failed);

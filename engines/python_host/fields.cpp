@@ -1,27 +1,48 @@
 #include "python_host/fields.hpp"
 
+#include "python_host/instance.hpp"
+#include "python_host/python.hpp"
+#include "python_host/state.hpp"
+
 namespace decision_bounds::python {
 
-Function GiveBackSlot::exchange_for_none() {
-  if (get() == nullptr) {
-    value_of(*this);  // raises
+GiveBackSlot GiveBackSlot::exchange_for_none() {
+  if (object_.get() == nullptr) {
+    raise_unset_field();
   }
-  return Function(std::exchange(static_cast<Ref&>(*this), none()));
+  return std::exchange(*this, GiveBackSlot(Ref::none()));
+}
+
+void GiveBackSlot::operator()(const Optional& reply) const {
+  if (ending_ != nullptr) {
+    ending_->end_call(state_, object_.get(), amount_, reply);
+  } else {
+    call(object_, reply);
+  }
+}
+
+PyObject* GiveBackSlot::kept_function() {
+  if (ending_ != nullptr) {
+    const Ref self = tuple_of(Ref::to(state_->module), object_, Ref(amount_));
+    Ref function = checked(PyCFunction_New, &ending_->function, self);
+    // Making it may have run code that settled the share.
+    if (ending_ != nullptr) {
+      *this = GiveBackSlot(std::move(function));
+    }
+  }
+  return object_.get();
 }
 
 bool Features::contains(const Ref& feature) const {
-  const Ref features = value_of(*this);
-  const int found = host_call([&] { return PySequence_Contains(features.get(), feature.get()); });
-  check(found);
-  return found != 0;
+  return checked(PySequence_Contains, value_of(*this), feature) != 0;
 }
 
 void Features::insert(const Ref& feature) const {
   const Ref features = value_of(*this);
   if (PySet_CheckExact(features.get())) {
-    check(host_call([&] { return PySet_Add(features.get(), feature.get()); }));
+    checked(PySet_Add, features, feature);
   } else {
-    call_method("add", features, feature);
+    call_method(interned("add"), features, feature);
   }
 }
 

@@ -1,115 +1,106 @@
-// `_PyType_Lookup` and `_PyObject_GetDictPtr` are the interpreter's own names for what it does at
-// each attribute access; its public ones would make a bound method or a new dictionary of it.
+// `_PyObject_GetDictPtr` is the interpreter's own name for what it does at each attribute access;
+// its public function would make a new `__dict__` where there is none.
 
 #include "python_host/locks.hpp"
 
-#include "python_host/call.hpp"
-#include "python_host/failure.hpp"
-#include "python_host/imports.hpp"
+#include "python_host/error.hpp"
 
 namespace decision_bounds::python {
 
 namespace {
 
-PyTypeObject* type_of(const Ref& type) { return reinterpret_cast<PyTypeObject*>(type.get()); }
+PyTypeObject* type_in(const Ref& type) { return reinterpret_cast<PyTypeObject*>(type.get()); }
 
 /// A special method of an object, looked up on its type and bound, as the `with` statement does.
-Ref special_method(const Ref& object, const char* name) {
-  const Ref key = Ref::checked(PyUnicode_InternFromString(name));
-  Ref function = Ref::to(_PyType_Lookup(Py_TYPE(object.get()), key.get()));
+Ref special_method(const Ref& object, const Ref& name) {
+  Ref function = attribute_of_type(Py_TYPE(object.get()), name);
   if (function.get() == nullptr) {
-    PyErr_Format(PyExc_AttributeError, "'%.100s' object has no attribute '%s'",
-                 Py_TYPE(object.get())->tp_name, name);
+    PyErr_Format(PyExc_AttributeError, "'%.100s' object has no attribute '%U'",
+                 Py_TYPE(object.get())->tp_name, name.get());
     throw Raised{};
   }
   const descrgetfunc bind = Py_TYPE(function.get())->tp_descr_get;
   if (bind == nullptr) {
     return function;
   }
-  return Ref::checked(host_call([&] {
-    return bind(function.get(), object.get(), reinterpret_cast<PyObject*>(Py_TYPE(object.get())));
-  }));
+  return checked(bind, function, object, reinterpret_cast<PyObject*>(Py_TYPE(object.get())));
 }
 
-/// The C function behind a method of a type, where it takes its arguments as `flags` say.
-PyCFunction c_method(PyTypeObject* type, const char* name, int flags) {
-  const Ref key = Ref::checked(PyUnicode_InternFromString(name));
-  PyObject* method = _PyType_Lookup(type, key.get());
-  if (method == nullptr || !Py_IS_TYPE(method, &PyMethodDescr_Type)) {
-    return nullptr;
-  }
-  const PyMethodDef* definition = reinterpret_cast<PyMethodDescrObject*>(method)->d_method;
-  return definition->ml_flags == flags ? definition->ml_meth : nullptr;
+/// The C function behind a bound method of a lock, where it takes its arguments as `flags` say.
+PyCFunction c_function(const Ref& lock, const char* method, int flags) {
+  const Ref bound = attribute(lock, method);
+  const bool is_known =
+      PyCFunction_Check(bound.get()) && PyCFunction_GET_FLAGS(bound.get()) == flags;
+  return is_known ? PyCFunction_GET_FUNCTION(bound.get()) : nullptr;
 }
+
+#if PY_VERSION_HEX < 0x030D0000
+/// The version tag of a dictionary. CPython 3.12 keeps it up to date, but has deprecated its name.
+std::uint64_t dict_version_of(PyObject* dictionary) {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+  return reinterpret_cast<PyDictObject*>(dictionary)->ma_version_tag;
+#pragma GCC diagnostic pop
+}
+#endif
 
 }  // namespace
 
 LockType LockType::of(const Ref& lock) {
-  PyTypeObject* type = Py_TYPE(lock.get());
   LockType found;
   // The interpreter keeps every kind of C function under one pointer type.
   found.acquire = reinterpret_cast<PyCFunctionWithKeywords>(
-      reinterpret_cast<void (*)()>(c_method(type, "acquire", METH_VARARGS | METH_KEYWORDS)));
-  found.release = c_method(type, "release", METH_NOARGS);
+      reinterpret_cast<void (*)()>(c_function(lock, "acquire", METH_VARARGS | METH_KEYWORDS)));
+  found.release = c_function(lock, "release", METH_NOARGS);
   if (found.acquire != nullptr && found.release != nullptr) {
-    found.type = Ref::to(reinterpret_cast<PyObject*>(type));
+    found.type = Ref::to(reinterpret_cast<PyObject*>(Py_TYPE(lock.get())));
   }
   return found;
 }
 
-bool LockType::is_type_of(const Ref& lock) const { return Py_TYPE(lock.get()) == type_of(type); }
-
-void Entered::leave() {
-  left_ = true;
-  if (release_ != nullptr) {
-    Ref::checked(host_call([&] { return release_(lock_.get(), nullptr); }));
-  } else {
-    call(exit_, Ref::none(), Ref::none(), Ref::none());
-  }
-}
-
 bool Entered::leave_failed() {
-  Failure failure = Failure::take();
+  Error error = Error::take();
   bool swallowed = false;
   {
-    const Handling handling(failure);
+    const Handling handling(error);
     if (release_ != nullptr) {
       leave();
     } else {
-      const Ref traceback = failure.traceback();
-      swallowed = truth(call(exit_, failure.type(), failure.exception(),
+      const Ref traceback = error.traceback();
+      swallowed = truth(call(left_by_, error.type(), error.exception(),
                              traceback.get() == nullptr ? Ref::none() : traceback));
     }
   }
   if (!swallowed) {
-    failure.restore();
+    error.restore();
   }
   return swallowed;
 }
 
-void HostLocks::load() {
-  const Ref threading = import("threading");
-  mutex_ = LockType::of(call(attribute(threading, "Lock")));
-  reentrant_ = LockType::of(call(attribute(threading, "RLock")));
-  condition_type_ = attribute(threading, "Condition");
-  deque_type_ = attribute(import("collections"), "deque");
-  no_arguments_ = Ref::checked(PyTuple_New(0));
-  lock_name_ = interned("_lock");
-  waiters_name_ = interned("_waiters");
-  notify_all_name_ = interned("notify_all");
-  patchable_ = Ref::checked(PyDict_New());
+Locks::Locks(const Ref& threading, const Ref& condition_type)
+    : mutex_(LockType::of(call(attribute(threading, "Lock")))),
+      reentrant_(LockType::of(call(attribute(threading, "RLock")))),
+      condition_type_(condition_type),
+      deque_type_(attribute(import("collections"), "deque")),
+      no_arguments_(tuple_of()),
+      enter_name_(interned("__enter__")),
+      exit_name_(interned("__exit__")),
+      lock_name_(interned("_lock")),
+      waiters_name_(interned("_waiters")),
+      notify_all_name_(interned("notify_all")),
+      patchable_(checked(PyDict_New)) {
   if (!PyType_Check(condition_type_.get())) {
     return;  // replaced before the module was loaded: no short way
   }
   for (const char* name : {"__enter__", "__exit__", "notify_all", "notify", "__getattribute__"}) {
     const Ref key = interned(name);
-    PyObject* function = _PyType_Lookup(type_of(condition_type_), key.get());
-    if (function == nullptr) {
+    const Ref function = attribute_of_type(type_in(condition_type_), key);
+    if (function.get() == nullptr) {
       return;
     }
-    check(PyDict_SetItem(patchable_.get(), key.get(), function));
+    checked(PyDict_SetItem, patchable_, key, function);
   }
-  version_ = type_of(condition_type_)->tp_version_tag;
+  type_version_ = type_in(condition_type_)->tp_version_tag;
   const Ref fresh = call(condition_type_);
   if (PyObject** attributes = _PyObject_GetDictPtr(fresh.get());
       attributes != nullptr && *attributes != nullptr) {
@@ -117,7 +108,7 @@ void HostLocks::load() {
   }
 }
 
-int HostLocks::traverse(visitproc visit, void* arg) const {
+int Locks::traverse(visitproc visit, void* arg) const {
   Py_VISIT(mutex_.type.get());
   Py_VISIT(reentrant_.type.get());
   Py_VISIT(condition_type_.get());
@@ -126,9 +117,9 @@ int HostLocks::traverse(visitproc visit, void* arg) const {
   return 0;
 }
 
-bool HostLocks::condition_type_is_unchanged() {
-  PyTypeObject* type = type_of(condition_type_);
-  if (type->tp_version_tag == version_ && version_ != 0) {
+bool Locks::condition_type_is_unchanged() const {
+  PyTypeObject* type = type_in(condition_type_);
+  if (type->tp_version_tag == type_version_ && type_version_ != 0) {
     return true;
   }
   // Something was set on the type, perhaps only for a while.
@@ -136,79 +127,78 @@ bool HostLocks::condition_type_is_unchanged() {
   PyObject* name = nullptr;
   PyObject* original = nullptr;
   while (PyDict_Next(patchable_.get(), &position, &name, &original) != 0) {
-    if (_PyType_Lookup(type, name) != original) {
+    if (attribute_of_type(type, Ref::to(name)).get() != original) {
       return false;
     }
   }
-  version_ = type->tp_version_tag;
   return true;
 }
 
-const HostLocks::Inside* HostLocks::inside(const Ref& condition) {
-  if (Py_TYPE(condition.get()) != type_of(condition_type_) || !condition_type_is_unchanged()) {
-    return nullptr;
+#if PY_VERSION_HEX < 0x030D0000
+
+// Every state of every dictionary has a version tag of its own. Comparing tags saves the look-ups,
+// a seventh of a reserve+release pair.
+Ref Locks::part_of(Condition& condition, const Ref& /*name*/,
+                   PyObject* Condition::*remembered) const {
+  PyObject* attributes = plain_attributes(condition);
+  if (attributes == nullptr) {
+    return {};
   }
-  PyObject** attributes = _PyObject_GetDictPtr(condition.get());
-  if (attributes == nullptr || *attributes == nullptr) {
-    return nullptr;
+  if (dict_version_of(attributes) != condition.dict_version) {
+    remember_parts(condition, Ref::to(attributes));
   }
-  Inside& seen = seen_[(reinterpret_cast<std::uintptr_t>(*attributes) / 16) % seen_.size()];
-#if PY_VERSION_HEX < 0x030C0000
-  // Every state of every dictionary has a number of its own. That saves two look-ups in three, and
-  // a seventh of a reserve+release pair.
-  const std::uint64_t version = reinterpret_cast<PyDictObject*>(*attributes)->ma_version_tag;
-  if (seen.version == version) {
-    return &seen;
-  }
-  seen.version = 0;
-#endif
-  if (PyDict_GET_SIZE(*attributes) != attribute_count_) {
-    return nullptr;
-  }
-  seen.lock = PyDict_GetItemWithError(*attributes, lock_name_.get());
-  seen.waiters = PyDict_GetItemWithError(*attributes, waiters_name_.get());
-  if (seen.lock == nullptr || seen.waiters == nullptr) {
-    return nullptr;
-  }
-#if PY_VERSION_HEX < 0x030C0000
-  seen.version = version;
-#endif
-  return &seen;
+  return Ref::to(condition.*remembered);
 }
 
-Entered HostLocks::enter(const Ref& lock) {
-  Entered entered;
-  entered.lock_ = value_of(lock);
-  const LockType* known = nullptr;
-  if (mutex_.is_type_of(entered.lock_)) {
-    known = &mutex_;
-  } else if (const Inside* condition = inside(entered.lock_)) {
-    Ref inner = Ref::to(condition->lock);
-    if (reentrant_.is_type_of(inner)) {
-      entered.lock_ = std::move(inner);
-      known = &reentrant_;
-    }
+void Locks::remember_parts(Condition& condition, const Ref& attributes) const {
+  const std::uint64_t version = dict_version_of(attributes.get());
+  const Ref lock = item(attributes, lock_name_);
+  const Ref waiters = item(attributes, waiters_name_);
+  // Where a look-up ran code that changed the dictionary, nothing is found: the next use looks
+  // again.
+  const bool found = PyDict_GET_SIZE(attributes.get()) == attribute_count_ &&
+                     dict_version_of(attributes.get()) == version;
+  condition.dict_version = found ? version : 0;
+  condition.lock = found ? lock.get() : nullptr;
+  condition.waiters = found ? waiters.get() : nullptr;
+}
+
+#else
+
+Ref Locks::part_of(Condition& condition, const Ref& name,
+                   PyObject* Condition::* /*remembered*/) const {
+  const Ref attributes = Ref::to(plain_attributes(condition));
+  if (attributes.get() == nullptr || PyDict_GET_SIZE(attributes.get()) != attribute_count_) {
+    return {};
   }
-  if (known != nullptr) {
-    Ref::checked(host_call(
-        [&] { return known->acquire(entered.lock_.get(), no_arguments_.get(), nullptr); }));
-    entered.release_ = known->release;
-    return entered;
+  return item(attributes, name);
+}
+
+#endif
+
+/// The `__dict__` of an exact condition whose class nobody has patched, borrowed; null for any
+/// other object.
+PyObject* Locks::plain_attributes(const Condition& condition) const {
+  if (condition.object.get() == nullptr) {
+    raise_unset_field();
   }
-  const Ref enter = special_method(entered.lock_, "__enter__");
-  entered.exit_ = special_method(entered.lock_, "__exit__");
+  if (Py_TYPE(condition.object.get()) != type_in(condition_type_) ||
+      !condition_type_is_unchanged()) {
+    return nullptr;
+  }
+  PyObject** place = _PyObject_GetDictPtr(condition.object.get());
+  return place == nullptr ? nullptr : *place;
+}
+
+Entered Locks::enter(const Ref& lock) const {
+  Ref entered = value_of(lock);
+  if (mutex_.is_type_of(entered)) {
+    return enter_directly(mutex_, std::move(entered));
+  }
+  const Ref enter = special_method(entered, enter_name_);
+  Entered by_exit(special_method(entered, exit_name_));
   call(enter);
-  return entered;
-}
-
-void HostLocks::notify_all(const Ref& condition) {
-  const Ref notified = value_of(condition);
-  const Inside* plain = inside(notified);
-  if (plain != nullptr && Py_IS_TYPE(plain->waiters, type_of(deque_type_)) &&
-      Py_SIZE(plain->waiters) == 0) {
-    return;
-  }
-  call_method(notify_all_name_.get(), notified);
+  return by_exit;
 }
 
 }  // namespace decision_bounds::python

@@ -3,15 +3,13 @@
 /// The host's locks and conditions: entered and left as its `with` statement does it, with a short
 /// way for its own exact types.
 ///
-/// One enter, wake-all and leave of a `threading.Condition` is six calls into functions of the
-/// host's language. For an exact condition over an exact reentrant lock the inner lock is taken and
-/// given up directly, and the wake-all is left out where nobody waits: the two save seven eighths
-/// of a reserve+charge pair.
+/// One enter, wake-all and leave of a `threading.Condition` is six calls of Python functions. For
+/// an exact condition over an exact reentrant lock the inner lock is taken and given up directly,
+/// and the wake-all is left out where nobody waits: the two save seven eighths of a reserve+charge
+/// pair.
 
-#include <array>
-#include <cstdint>
-
-#include "python_host/ref.hpp"
+#include "python_host/fields.hpp"
+#include "python_host/interpreter.hpp"
 
 namespace decision_bounds::python {
 
@@ -22,14 +20,26 @@ struct LockType {
   PyCFunction release = nullptr;
 
   static LockType of(const Ref& lock);
-  bool is_type_of(const Ref& lock) const;
+  bool is_type_of(const Ref& lock) const {
+    return reinterpret_cast<PyObject*>(Py_TYPE(lock.get())) == type.get();
+  }
 };
 
 /// A lock that was entered, to be left once.
 class Entered {
  public:
+  Entered(Ref lock, PyCFunction release) : left_by_(std::move(lock)), release_(release) {}
+  explicit Entered(Ref exit) : left_by_(std::move(exit)) {}
+
   /// Leaves where the block ended well.
-  void leave();
+  void leave() {
+    left_ = true;
+    if (release_ != nullptr) {
+      checked(release_, left_by_, nullptr);
+    } else {
+      call(left_by_, Ref::none(), Ref::none(), Ref::none());
+    }
+  }
   bool is_left() const { return left_; }
 
   /// Leaves where the block's error is set. Returns whether the lock has swallowed the error, as an
@@ -37,52 +47,63 @@ class Entered {
   bool leave_failed();
 
  private:
-  friend class HostLocks;
-
+  Ref left_by_;  ///< The lock on the short way, its bound `__exit__` on the other.
+  PyCFunction release_ = nullptr;  ///< Of the lock on the short way.
   bool left_ = false;
-  Ref lock_;
-  PyCFunction release_ = nullptr;  ///< Gives `lock_` up on the short way.
-  Ref exit_;                       ///< The bound `__exit__` on the other.
 };
 
 /// The locks and the condition type of the host, as they were when the module was loaded.
-class HostLocks {
+class Locks {
  public:
-  void load();
+  Locks(const Ref& threading, const Ref& condition_type);
   int traverse(visitproc visit, void* arg) const;
 
-  Entered enter(const Ref& lock);
+  Entered enter(const Ref& lock) const;
+  Entered enter(Condition& condition) const {
+    Ref lock = part_of(condition, lock_name_, &Condition::lock);
+    return lock.get() != nullptr && reentrant_.is_type_of(lock)
+               ? enter_directly(reentrant_, std::move(lock))
+               : enter(condition.object);
+  }
 
   /// Wakes all that wait on a condition. The caller has entered it.
-  void notify_all(const Ref& condition);
+  void notify_all(Condition& condition) const {
+    const Ref waiters = part_of(condition, waiters_name_, &Condition::waiters);
+    const bool nobody_waits =
+        waiters.get() != nullptr &&
+        reinterpret_cast<PyObject*>(Py_TYPE(waiters.get())) == deque_type_.get() &&
+        Py_SIZE(waiters.get()) == 0;
+    if (!nobody_waits) {
+      call_method(notify_all_name_, condition.object);
+    }
+  }
 
  private:
-  /// What an exact condition holds, borrowed from it, while its attributes have this version.
-  struct Inside {
-    std::uint64_t version = 0;
-    PyObject* lock = nullptr;
-    PyObject* waiters = nullptr;
-  };
-
-  /// The inside of an exact condition that nobody has patched, neither it nor its type, until other
-  /// code runs; null for any other object.
-  const Inside* inside(const Ref& condition);
-  /// Whether the condition type has the methods that it had when the module was loaded.
-  bool condition_type_is_unchanged();
+  Entered enter_directly(const LockType& type, Ref lock) const {
+    checked(type.acquire, lock, no_arguments_, nullptr);
+    return {std::move(lock), type.release};
+  }
+  /// `_lock` or `_waiters` of an exact condition that nobody has patched, neither the object nor
+  /// its class; nothing for any other object.
+  Ref part_of(Condition& condition, const Ref& name, PyObject* Condition::*remembered) const;
+  void remember_parts(Condition& condition, const Ref& attributes) const;
+  PyObject* plain_attributes(const Condition& condition) const;
+  bool condition_type_is_unchanged() const;
 
   LockType mutex_;
   LockType reentrant_;
   Ref condition_type_;
   Ref deque_type_;
   Ref no_arguments_;  ///< The empty tuple.
+  Ref enter_name_;
+  Ref exit_name_;
   Ref lock_name_;
   Ref waiters_name_;
   Ref notify_all_name_;
   Ref patchable_;  ///< Names and functions of the condition type that the short way leaves out.
-  unsigned version_ = 0;  ///< The type's version tag when it was last seen unchanged.
+  unsigned type_version_ = 0;  ///< The version tag of the condition type.
   /// Of a condition that nobody has added to; 0, which none has, where the short way is closed.
   Py_ssize_t attribute_count_ = 0;
-  std::array<Inside, 16> seen_;  ///< By the place of the attributes in memory.
 };
 
 }  // namespace decision_bounds::python

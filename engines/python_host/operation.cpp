@@ -1,44 +1,44 @@
 #include "python_host/operation.hpp"
 
 #include <algorithm>
-#include <new>
+#include <array>
 
-#include "python_host/imports.hpp"
-#include "python_host/recursion.hpp"
+#include "python_host/error.hpp"
 
 namespace decision_bounds::python {
 
 namespace {
 
 /// Enough for every operation of the module; checked when one is made.
-constexpr Py_ssize_t most_parameters = 6;
+constexpr std::size_t most_parameters = 11;
 
 struct Operation {
   PyObject_HEAD
   vectorcallfunc vectorcall;
   State* state;
   Body body;
-  PyObject* module;            ///< Keeps the state.
-  PyObject* declared;          ///< The function of the host's language that declares the operation.
-  PyObject* names;             ///< The parameters' names, interned.
-  PyObject* defaults;          ///< Of the last parameters that can be passed by position, or null.
-  PyObject* keyword_defaults;  ///< Of parameters that can only be passed by name, or null.
-  Py_ssize_t positional;       ///< Parameters that can be passed by position.
-  Py_ssize_t parameters;       ///< With those that can only be passed by name.
-  bool takes_any_more;         ///< Further arguments by position are taken and ignored.
+  Ref module;             ///< Keeps the state.
+  Ref declared;           ///< The function of the host's language that declares the operation.
+  Ref names;              ///< The parameters' names, interned.
+  Ref defaults;           ///< Of the last parameters that can be passed by position, or None.
+  Ref keyword_defaults;   ///< Of parameters that can only be passed by name, or None.
+  Py_ssize_t positional;  ///< Parameters that can be passed by position.
+  Py_ssize_t parameters;  ///< With those that can only be passed by name.
+  bool takes_any_more;    ///< Further arguments by position are taken and ignored.
   PyObject* dict;
   PyObject* weak_references;
+
+  static Operation* of(PyObject* object) { return reinterpret_cast<Operation*>(object); }
+  PyObject* name(Py_ssize_t parameter) const { return PyTuple_GET_ITEM(names.get(), parameter); }
 };
 
-Operation* operation_of(PyObject* object) { return reinterpret_cast<Operation*>(object); }
-
 int traverse(PyObject* object, visitproc visit, void* arg) {
-  Operation* self = operation_of(object);
+  const Operation* self = Operation::of(object);
   Py_VISIT(Py_TYPE(object));
-  Py_VISIT(self->module);
-  Py_VISIT(self->declared);
-  Py_VISIT(self->defaults);
-  Py_VISIT(self->keyword_defaults);
+  Py_VISIT(self->module.get());
+  Py_VISIT(self->declared.get());
+  Py_VISIT(self->defaults.get());
+  Py_VISIT(self->keyword_defaults.get());
   Py_VISIT(self->dict);
   return 0;
 }
@@ -48,49 +48,17 @@ int traverse(PyObject* object, visitproc visit, void* arg) {
 void dealloc(PyObject* object) {
   PyTypeObject* type = Py_TYPE(object);
   PyObject_GC_UnTrack(object);
-  Operation* self = operation_of(object);
+  Operation* self = Operation::of(object);
   if (self->weak_references != nullptr) {
     PyObject_ClearWeakRefs(object);
   }
   Py_CLEAR(self->dict);
-  Py_CLEAR(self->keyword_defaults);
-  Py_CLEAR(self->defaults);
-  Py_CLEAR(self->names);
-  Py_CLEAR(self->declared);
-  Py_CLEAR(self->module);
+  for (Ref* kept :
+       {&self->keyword_defaults, &self->defaults, &self->names, &self->declared, &self->module}) {
+    *kept = {};
+  }
   type->tp_free(object);
   Py_DECREF(type);
-}
-
-/// The place of the parameter that a keyword names, or a negative number.
-Py_ssize_t parameter_named(const Operation& self, PyObject* keyword) {
-  for (Py_ssize_t index = 0; index < self.parameters; ++index) {
-    if (PyTuple_GET_ITEM(self.names, index) == keyword) {
-      return index;
-    }
-  }
-  for (Py_ssize_t index = 0; index < self.parameters; ++index) {
-    const int equal = host_call([&] {
-      return PyObject_RichCompareBool(keyword, PyTuple_GET_ITEM(self.names, index), Py_EQ);
-    });
-    check(equal);
-    if (equal != 0) {
-      return index;
-    }
-  }
-  return -1;
-}
-
-PyObject* default_of(const Operation& self, Py_ssize_t parameter) {
-  if (parameter >= self.positional) {
-    return self.keyword_defaults == nullptr
-               ? nullptr
-               : PyDict_GetItemWithError(self.keyword_defaults,
-                                         PyTuple_GET_ITEM(self.names, parameter));
-  }
-  const Py_ssize_t count = self.defaults == nullptr ? 0 : PyTuple_GET_SIZE(self.defaults);
-  const Py_ssize_t index = parameter - (self.positional - count);
-  return index < 0 ? nullptr : PyTuple_GET_ITEM(self.defaults, index);
 }
 
 /// Whether the arguments of a call stand as the parameters do, one for each: most calls' do.
@@ -103,68 +71,95 @@ bool are_in_order(const Operation& self, Py_ssize_t given, PyObject* keywords) {
     return false;
   }
   for (Py_ssize_t index = 0; index < named; ++index) {
-    if (PyTuple_GET_ITEM(keywords, index) != PyTuple_GET_ITEM(self.names, given + index)) {
+    if (PyTuple_GET_ITEM(keywords, index) != self.name(given + index)) {
       return false;
     }
   }
   return true;
 }
 
-/// Puts the arguments of a call in the order of the parameters. Returns false where they do not
-/// fit.
+/// The place of the parameter that a keyword names, or a negative number.
+Py_ssize_t parameter_named(const Operation& self, PyObject* keyword) {
+  for (Py_ssize_t index = 0; index < self.parameters; ++index) {
+    if (self.name(index) == keyword) {
+      return index;
+    }
+  }
+  for (Py_ssize_t index = 0; index < self.parameters; ++index) {
+    if (checked(PyObject_RichCompareBool, keyword, self.name(index), Py_EQ) != 0) {
+      return index;
+    }
+  }
+  return -1;
+}
+
+Ref default_of(const Operation& self, Py_ssize_t parameter) {
+  if (parameter >= self.positional) {
+    return self.keyword_defaults.get() == Py_None
+               ? Ref()
+               : item(self.keyword_defaults, Ref::to(self.name(parameter)));
+  }
+  const Py_ssize_t count =
+      self.defaults.get() == Py_None ? 0 : PyTuple_GET_SIZE(self.defaults.get());
+  const Py_ssize_t index = parameter - (self.positional - count);
+  return index < 0 ? Ref() : Ref::to(PyTuple_GET_ITEM(self.defaults.get(), index));
+}
+
+/// The arguments of a call in the order of the parameters. They are held: comparing a keyword, or
+/// looking for a default, can run code.
+using Places = std::array<Ref, most_parameters>;
+
+/// Returns false where the arguments do not fit.
 bool bind(const Operation& self, PyObject* const* arguments, Py_ssize_t given, PyObject* keywords,
-          PyObject** places) {
+          Places& places) {
   if (given > self.positional && !self.takes_any_more) {
     return false;
   }
-  std::copy_n(arguments, std::min(given, self.positional), places);
+  const auto place = [&](Py_ssize_t parameter) -> Ref& {
+    return places[static_cast<std::size_t>(parameter)];
+  };
+  for (Py_ssize_t index = 0; index < std::min(given, self.positional); ++index) {
+    place(index) = Ref::to(arguments[index]);
+  }
   const Py_ssize_t named = keywords == nullptr ? 0 : PyTuple_GET_SIZE(keywords);
   for (Py_ssize_t index = 0; index < named; ++index) {
     const Py_ssize_t parameter = parameter_named(self, PyTuple_GET_ITEM(keywords, index));
-    if (parameter < 0 || places[parameter] != nullptr) {
+    if (parameter < 0 || place(parameter).get() != nullptr) {
       return false;
     }
-    places[parameter] = arguments[given + index];
+    place(parameter) = Ref::to(arguments[given + index]);
   }
   for (Py_ssize_t parameter = 0; parameter < self.parameters; ++parameter) {
-    if (places[parameter] == nullptr) {
-      places[parameter] = default_of(self, parameter);
+    if (place(parameter).get() == nullptr) {
+      place(parameter) = default_of(self, parameter);
     }
-    if (places[parameter] == nullptr) {
+    if (place(parameter).get() == nullptr) {
       return false;
     }
   }
   return true;
-}
-
-PyObject* run(PyObject* callable, PyObject* const* arguments, std::size_t flags,
-              PyObject* keywords) {
-  const Operation& self = *operation_of(callable);
-  const Py_ssize_t given = PyVectorcall_NARGS(flags);
-  try {
-    const Python host{self.state};
-    if (are_in_order(self, given, keywords)) {
-      return self.body(host, Arguments(arguments)).release();
-    }
-    PyObject* places[most_parameters] = {};
-    if (bind(self, arguments, given, keywords, places)) {
-      return self.body(host, Arguments(places)).release();
-    }
-    // The declared function does not take them either, and words the error as the host does.
-    Ref::checked(
-        host_call([&] { return PyObject_Vectorcall(self.declared, arguments, flags, keywords); }));
-    PyErr_SetString(PyExc_SystemError, "the arguments do not fit");
-    return nullptr;
-  } catch (const Raised&) {
-    return nullptr;
-  } catch (const std::bad_alloc&) {
-    return PyErr_NoMemory();
-  }
 }
 
 PyObject* vectorcall(PyObject* callable, PyObject* const* arguments, std::size_t flags,
                      PyObject* keywords) {
-  return count_recursion([&] { return run(callable, arguments, flags, keywords); });
+  return entry_of_operation([&]() -> PyObject* {
+    const Operation& self = *Operation::of(callable);
+    const Python host{self.state};
+    const Py_ssize_t given = PyVectorcall_NARGS(flags);
+    if (are_in_order(self, given, keywords)) {
+      return self.body(host, Arguments(arguments)).release();
+    }
+    Places places;
+    if (bind(self, arguments, given, keywords, places)) {
+      PyObject* values[most_parameters];
+      std::ranges::transform(places, values, &Ref::get);
+      return self.body(host, Arguments(values)).release();
+    }
+    // The declared function does not take them either, and words the error as the host does.
+    checked(PyObject_Vectorcall, self.declared, arguments, flags, keywords);
+    PyErr_SetString(PyExc_SystemError, "the arguments do not fit");
+    throw Raised{};
+  });
 }
 
 PyObject* bind_to_object(PyObject* operation, PyObject* object, PyObject* /*type*/) {
@@ -173,20 +168,21 @@ PyObject* bind_to_object(PyObject* operation, PyObject* object, PyObject* /*type
 }
 
 PyObject* repr(PyObject* object) {
-  PyObject* name = PyObject_GetAttrString(operation_of(object)->declared, "__qualname__");
-  PyObject* text = name == nullptr ? nullptr : PyUnicode_FromFormat("<operation %U>", name);
-  Py_XDECREF(name);
-  return text;
+  return entry(static_cast<PyObject*>(nullptr), [&] {
+    const Ref name = attribute(Operation::of(object)->declared, "__qualname__");
+    return PyUnicode_FromFormat("<operation %U>", name.get());
+  });
 }
 
 /// Pickled by its name, as a function is.
 PyObject* reduce(PyObject* object, PyObject* /*none*/) {
-  return PyObject_GetAttrString(operation_of(object)->declared, "__qualname__");
+  return PyObject_GetAttrString(Operation::of(object)->declared.get(), "__qualname__");
 }
 
 /// The attribute of the declared function that the closure names.
 PyObject* declared_attribute(PyObject* object, void* name) {
-  return PyObject_GetAttrString(operation_of(object)->declared, static_cast<const char*>(name));
+  return PyObject_GetAttrString(Operation::of(object)->declared.get(),
+                                static_cast<const char*>(name));
 }
 
 constexpr PyGetSetDef answered_by_declared(const char* name) {
@@ -194,7 +190,7 @@ constexpr PyGetSetDef answered_by_declared(const char* name) {
 }
 
 // `__code__` and `__globals__` are among them because `inspect` takes what has them for a function.
-PyGetSetDef attributes[] = {
+PyGetSetDef descriptors[] = {
     answered_by_declared("__name__"),
     answered_by_declared("__qualname__"),
     answered_by_declared("__module__"),
@@ -226,7 +222,7 @@ PyType_Slot slots[] = {
     {Py_tp_call, reinterpret_cast<void*>(PyVectorcall_Call)},
     {Py_tp_descr_get, reinterpret_cast<void*>(bind_to_object)},
     {Py_tp_repr, reinterpret_cast<void*>(repr)},
-    {Py_tp_getset, attributes},
+    {Py_tp_getset, descriptors},
     {Py_tp_members, members},
     {Py_tp_methods, methods},
     {0, nullptr},
@@ -239,45 +235,37 @@ PyType_Spec type_spec = {"decision_bounds.operation", sizeof(Operation), 0,
                          slots};
 
 Py_ssize_t integer_attribute(const Ref& object, const char* name) {
-  const Py_ssize_t value = PyLong_AsSsize_t(attribute(object, name).get());
-  check(value == -1 && PyErr_Occurred() != nullptr ? -1 : 0);
-  return value;
-}
-
-/// The attribute, or null where it is none.
-PyObject* some_attribute(const Ref& object, const char* name) {
-  Ref value = attribute(object, name);
-  return value.get() == Py_None ? nullptr : value.release();
+  return checked(PyLong_AsSsize_t, attribute(object, name));
 }
 
 }  // namespace
 
 Ref make_operation_type(PyObject* module) {
-  return Ref::checked(PyType_FromModuleAndSpec(module, &type_spec, nullptr));
+  return checked(PyType_FromModuleAndSpec, module, &type_spec, nullptr);
 }
 
 bool is_operation(PyObject* object, Body body) {
   return object != nullptr && Py_TYPE(object)->tp_dealloc == dealloc &&
-         operation_of(object)->body == body;
+         Operation::of(object)->body == body;
 }
 
 Ref make_operation(State* state, const Ref& declared, Body body) {
   auto* type = reinterpret_cast<PyTypeObject*>(state->operation_type.get());
-  Ref object = Ref::checked(type->tp_alloc(type, 0));
-  Operation* self = operation_of(object.get());
+  Ref object = checked(type->tp_alloc, type, 0);
+  Operation* self = Operation::of(object.get());
   self->vectorcall = vectorcall;
   self->state = state;
   self->body = body;
-  self->module = Py_NewRef(state->module);
-  self->declared = Py_NewRef(declared.get());
+  self->module = Ref::to(state->module);
+  self->declared = declared;
   const Ref code = attribute(declared, "__code__");
-  self->names = attribute(code, "co_varnames").release();
-  self->defaults = some_attribute(declared, "__defaults__");
-  self->keyword_defaults = some_attribute(declared, "__kwdefaults__");
+  self->names = attribute(code, "co_varnames");
+  self->defaults = attribute(declared, "__defaults__");
+  self->keyword_defaults = attribute(declared, "__kwdefaults__");
   self->positional = integer_attribute(code, "co_argcount");
   self->parameters = self->positional + integer_attribute(code, "co_kwonlyargcount");
   self->takes_any_more = (integer_attribute(code, "co_flags") & CO_VARARGS) != 0;
-  if (self->parameters > most_parameters) {
+  if (self->parameters > static_cast<Py_ssize_t>(most_parameters)) {
     PyErr_SetString(PyExc_SystemError, "an operation has too many parameters");
     throw Raised{};
   }

@@ -8,8 +8,8 @@
 
 #include "python_host/fields.hpp"
 #include "python_host/instance.hpp"
+#include "python_host/interpreter.hpp"
 #include "python_host/python.hpp"
-#include "python_host/ref.hpp"
 
 namespace decision_bounds::python {
 
@@ -19,9 +19,11 @@ class Arguments {
  public:
   explicit Arguments(PyObject* const* values) : values_(values) {}
 
-  /// The bound of the object that the operation was called on, the first argument.
+  /// The object that the operation was called on, the first argument, borrowed.
+  PyObject* self() const { return values_[0]; }
+  /// The bound in it; raises `TypeError` where it has none.
   template <typename Bound>
-  Bound& self() const {
+  Bound& bound() const {
     return bound_of<Bound>(values_[0]);
   }
   template <typename Value = Ref>
@@ -35,6 +37,12 @@ class Arguments {
 
 /// What an operation does.
 using Body = Ref (*)(const Python& host, const Arguments& arguments);
+
+/// The body of the function that the surface declares under this name.
+struct Definition {
+  const char* name;
+  Body body;
+};
 
 /// What a body returns of what an operation returned: nothing is None.
 template <typename Operation>
@@ -58,33 +66,29 @@ decltype(auto) argument_for(const Python& host, const Arguments& arguments, std:
   }
 }
 
-template <typename Bound, typename... Parameters, typename Operation, std::size_t... index>
-Ref call_operation(Operation operation, const Python& host, const Arguments& arguments,
-                   std::index_sequence<index...> /*parameters*/) {
-  auto& self = arguments.self<Bound>();
-  return returned(
-      [&] { return (self.*operation)(argument_for<Parameters>(host, arguments, index + 1)...); });
+template <auto operation, typename Bound, typename... Parameters>
+Ref call_operation(const Python& host, const Arguments& arguments) {
+  auto& bound = arguments.bound<Bound>();
+  return [&]<std::size_t... index>(std::index_sequence<index...> /*parameters*/) {
+    return returned([&] {
+      return (bound.*operation)(argument_for<Parameters>(host, arguments, index + 1)...);
+    });
+  }
+  (std::index_sequence_for<Parameters...>());
 }
 
-template <typename Result, typename Bound, typename... Parameters>
-Ref call_operation(Result (Bound::*operation)(Parameters...), const Python& host,
-                   const Arguments& arguments) {
-  return call_operation<Bound, Parameters...>(operation, host, arguments,
-                                              std::index_sequence_for<Parameters...>());
+template <auto operation, typename Result, typename Bound, typename... Parameters>
+constexpr Body body_of(Result (Bound::* /*operation*/)(Parameters...)) {
+  return call_operation<operation, Bound, Parameters...>;
 }
-
-template <typename Result, typename Bound, typename... Parameters>
-Ref call_operation(Result (Bound::*operation)(Parameters...) const, const Python& host,
-                   const Arguments& arguments) {
-  return call_operation<Bound, Parameters...>(operation, host, arguments,
-                                              std::index_sequence_for<Parameters...>());
+template <auto operation, typename Result, typename Bound, typename... Parameters>
+constexpr Body body_of(Result (Bound::* /*operation*/)(Parameters...) const) {
+  return call_operation<operation, Bound, Parameters...>;
 }
 
 /// The body that calls an operation of a bound with the arguments, in order, and the host.
 template <auto operation>
-inline constexpr Body method = [](const Python& host, const Arguments& arguments) {
-  return call_operation(operation, host, arguments);
-};
+inline constexpr Body method = body_of<operation>(operation);
 
 /// Makes the type of the operations; it is not bound to any name.
 Ref make_operation_type(PyObject* module);

@@ -1,16 +1,12 @@
 #include "python_host/python.hpp"
 
 #include <array>
+#include <cstddef>
+#include <utility>
 
-namespace decision_bounds {
+#include "decision_bounds/rounding.hpp"
 
-template struct Held<python::Python>;
-template struct Charges<python::Python>;
-template struct RequestRates<python::Python>;
-template struct RunBudget<python::Python>;
-template struct DailySpend<python::Python>;
-
-namespace python {
+namespace decision_bounds::python {
 
 namespace {
 
@@ -25,90 +21,88 @@ namespace {
   throw Raised{};
 }
 
-Name name_of(Refusal refusal) {
+const Ref& name_of(Refusal refusal, const State::Names& names) {
   switch (refusal) {
     case Refusal::timeout:
-      return Name::timeout;
+      return names.timeout;
     case Refusal::stopped:
-      return Name::stopped;
+      return names.stopped;
     default:
-      return Name::budget_exceeded;
+      return names.budget_exceeded;
   }
 }
 
-Ref text_of(const char* text) { return Ref::checked(PyUnicode_FromString(text)); }
+Ref text_of(const char* text) { return checked(PyUnicode_FromString, text); }
 
 }  // namespace
 
 void Python::wait(const Ref& changed, const Ref& stopping) const {
-  call(state->global(Name::wait), changed, stopping);
+  call(state->global(state->names.wait), changed, stopping);
 }
 
 void Python::wait(const Ref& changed, const Ref& stopping, const Ref& deadline,
                   const Ref& clock) const {
-  const Ref function = state->global(Name::wait);
-  const Ref condition = value_of(changed);
-  std::array<PyObject*, 5> places = {nullptr, condition.get(), stopping.get(), deadline.get(),
-                                     clock.get()};
-  call_vector(function.get(), places.data() + 1, 2, state->deadline_and_clock.get());
+  call_by_name(state->global(state->names.wait), state->deadline_and_clock, value_of(changed),
+               stopping, deadline, clock);
 }
 
 Ref Python::stop_function(const RunBudget<Python>& budget) const {
-  return property(Ref::to(object_of(budget)), state->name(Name::stopping));
+  return attribute(Ref::to(object_of(budget)), state->names.stopping);
 }
 
-Ref Python::share_of(Ref give_back) const {
-  const Ref type = state->global(Name::share);
-  if (type.get() != reinterpret_cast<PyObject*>(state->share_type) ||
-      state->share_type->tp_version_tag != state->share_version) {
-    return call(type, give_back);
+Ref Python::share_of(GiveBackSlot give_back) const {
+  const Ref type = state->global(state->names.share);
+  auto* own_type = reinterpret_cast<PyTypeObject*>(state->share_type.get());
+  if (type.get() != state->share_type.get() || state->share_version == 0 ||
+      own_type->tp_version_tag != state->share_version) {
+    return call(type, Ref::to(give_back.kept_function()));
   }
-  using ShareInstance = Instance<Share<GiveBackSlot>>;
-  Ref share =
-      Ref::checked(host_call([&] { return state->share_type->tp_alloc(state->share_type, 0); }));
-  ShareInstance::of(share.get())->bound.give_back_ = GiveBackSlot(std::move(give_back));
+  Ref share = checked(own_type->tp_alloc, own_type, Py_ssize_t{0});
+  Instance<Share<GiveBackSlot>>::of(share.get())->bound.give_back_ = std::move(give_back);
   return share;
 }
 
-Ref Python::summary(const RunBudget<Python>& budget) const {
-  const std::array values = {value_of(budget.calls),        value_of(budget.cache_hits),
-                             value_of(budget.input_tokens), Ref(rounded(budget.cost)),
-                             value_of(budget.max_calls),    value_of(budget.max_tokens)};
-  Ref mapping = Ref::checked(host_call(PyDict_New));
-  for (std::size_t entry = 0; entry < values.size(); ++entry) {
-    check(PyDict_SetItem(mapping.get(), state->summary_keys[entry].get(), values[entry].get()));
+Ref Python::rounded(const Number& cost) const {
+  if (cost.is_floating()) {
+    if (const auto usd = rounded_to_micros(cost.value())) {
+      return Number(*usd);
+    }
   }
-  return mapping;
+  return call(state->round, Ref(cost), checked(PyLong_FromLong, cost_decimals));
+}
+
+Ref Python::summary(const RunBudget<Python>& budget) const {
+  const std::array<Ref, summary_keys.size()> values = {budget.calls,        budget.cache_hits,
+                                                       budget.input_tokens, rounded(budget.cost),
+                                                       budget.max_calls,    budget.max_tokens};
+  Ref summary = checked(PyDict_Copy, state->empty_summary);
+  for (std::size_t entry = 0; entry < values.size(); ++entry) {
+    checked(PyDict_SetItem, summary, state->summary_keys[entry], values[entry]);
+  }
+  return summary;
 }
 
 void Python::refuse(Refusal refusal, const char* text) const {
-  raise(state->global(name_of(refusal)), text_of(text));
+  raise(state->global(name_of(refusal, state->names)), text_of(text));
 }
 
 void Python::refuse(Refusal refusal, const char* text, const Ref& summary) const {
-  raise(state->global(name_of(refusal)),
-        Ref::checked(host_call([&] { return PyUnicode_FromFormat("%s%S", text, summary.get()); })));
+  const Ref type = state->global(name_of(refusal, state->names));
+  raise(type, checked(PyUnicode_Concat, text_of(text), checked(PyObject_Str, summary)));
 }
 
 void Python::refuse(Refusal refusal, const char* text, const Ref& cost, const Ref& cap) const {
-  const Ref type = state->global(name_of(refusal));
-  const Ref amounts = Ref::checked(
-      host_call([&] { return PyTuple_Pack(2, value_of(cost).get(), value_of(cap).get()); }));
-  const Ref form = text_of(text);
-  raise(type, Ref::checked(host_call([&] { return PyUnicode_Format(form.get(), amounts.get()); })));
+  const Ref type = state->global(name_of(refusal, state->names));
+  raise(type, checked(PyUnicode_Format, text_of(text), tuple_of(value_of(cost), value_of(cap))));
 }
 
 void Python::warn(const char* text, const Ref& cost, const Ref& cap) const {
-  call_method(state->name(Name::warning), state->global(Name::logger), text_of(text), cost, cap);
+  call_method(state->names.warning, state->global(state->names.logger), text_of(text), cost, cap);
 }
 
 void Python::warn_of_error(const char* text, const Ref& day, const Ref& error) const {
-  const Ref warning = property(state->global(Name::logger), state->name(Name::warning));
-  const Ref message = text_of(text);
-  std::array<PyObject*, 4> places = {nullptr, message.get(), day.get(), error.get()};
-  call_vector(warning.get(), places.data() + 1, 2, state->exc_info.get());
+  const Ref warning = attribute(state->global(state->names.logger), state->names.warning);
+  call_by_name(warning, state->exc_info, text_of(text), day, error);
 }
 
-}  // namespace python
-
-}  // namespace decision_bounds
+}  // namespace decision_bounds::python

@@ -2,7 +2,6 @@
 
 /// The bounds in the interpreter: numbers, locks and callbacks are its objects.
 
-#include <span>
 #include <type_traits>
 
 #include "decision_bounds/charges.hpp"
@@ -14,12 +13,11 @@
 #include "decision_bounds/run_budget.hpp"
 #include "decision_bounds/share.hpp"
 #include "decision_bounds/wait.hpp"
-#include "python_host/failure.hpp"
+#include "python_host/error.hpp"
 #include "python_host/fields.hpp"
-#include "python_host/give_back.hpp"
 #include "python_host/instance.hpp"
-#include "python_host/numbers.hpp"
-#include "python_host/ref.hpp"
+#include "python_host/interpreter.hpp"
+#include "python_host/number.hpp"
 #include "python_host/state.hpp"
 
 namespace decision_bounds::python {
@@ -54,22 +52,19 @@ struct Python {
   static bool truth(const Ref& value) { return python::truth(value); }
   static bool is_infinite(const Number& number) { return python::is_infinite(number); }
   /// The host's `float()`, which reads text as well.
-  static Number to_amount(const Ref& answer) {
-    return Ref::checked(host_call([&] { return PyNumber_Float(answer.get()); }));
-  }
-  Number rounded(const Ref& cost) const { return call(state->round, cost, state->cost_decimals); }
-  Number poll_s() const { return state->global(Name::poll_s); }
+  static Number to_amount(const Ref& answer) { return checked(PyNumber_Float, answer); }
+  Number poll_s() const { return state->global(state->names.poll_s); }
 
-  bool cached(const Ref& reply) const { return truth(property(reply, state->name(Name::cached))); }
+  bool cached(const Ref& reply) const { return truth(attribute(reply, state->names.cached)); }
   Number input_tokens(const Ref& reply) const {
-    return property(reply, state->name(Name::input_tokens));
+    return attribute(reply, state->names.input_tokens);
   }
-  Number cost(const Ref& reply) const { return property(reply, state->name(Name::cost)); }
+  Number cost(const Ref& reply) const { return attribute(reply, state->names.cost); }
 
   /// Runs the block as a `with` statement of the lock does. Returns None where the lock swallows
   /// the block's error.
-  auto locked(const Ref& lock, const auto& block) const -> decltype(block());
-  void notify_all(const Ref& changed) const { state->locks.notify_all(changed); }
+  auto locked(auto& lock, const auto& block) const -> decltype(block());
+  void notify_all(Condition& changed) const { state->locks.notify_all(changed); }
 
   /// Calls what the module binds to `_wait` at this moment.
   void wait(const Ref& changed, const Ref& stopping) const;
@@ -77,9 +72,9 @@ struct Python {
   /// The bound method `stopping` of a budget.
   Ref stop_function(const RunBudget<Python>& budget) const;
 
-  /// Calls what the module binds to `Share`, with a give-back function of the bound.
+  /// Calls what the module binds to `Share`.
   template <typename Bound>
-  Ref make_share(const Bound& bound, const Ref& held) const;
+  Ref make_share(const Bound& bound, const Number& held) const;
 
   static auto on_failure(const auto& block, const auto& undo) {
     return python::on_failure(block, undo);
@@ -96,26 +91,47 @@ struct Python {
   void warn_of_error(const char* text, const Ref& day, const Ref& error) const;
 
  private:
-  static Ref property(const Ref& reply, PyObject* name) {
-    return Ref::checked(host_call([&] { return PyObject_GetAttr(reply.get(), name); }));
-  }
-  Ref share_of(Ref give_back) const;
+  Ref share_of(GiveBackSlot give_back) const;
+  /// The host's `round(cost, 6)`.
+  Ref rounded(const Number& cost) const;
 };
 
-template <>
-std::span<const Field> fields_of<Share<GiveBackSlot>>();
-template <>
-std::span<const Field> fields_of<Held<Python>>();
-template <>
-std::span<const Field> fields_of<Charges<Python>>();
-template <>
-std::span<const Field> fields_of<RequestRates<Python>>();
-template <>
-std::span<const Field> fields_of<RunBudget<Python>>();
-template <>
-std::span<const Field> fields_of<DailySpend<Python>>();
+// Each is defined in the file of its class.
+extern template struct Instance<Share<GiveBackSlot>>;
+extern template struct Instance<Held<Python>>;
+extern template struct Instance<Charges<Python>>;
+extern template struct Instance<RequestRates<Python>>;
+extern template struct Instance<RunBudget<Python>>;
+extern template struct Instance<DailySpend<Python>>;
 
-auto Python::locked(const Ref& lock, const auto& block) const -> decltype(block()) {
+inline bool HeldRecord::admits(const Number& share, const Number& used, const Number& limit) const {
+  return use<&Held<Python>::admits>("admits", share, used, limit);
+}
+
+/// The `take` of a record of another type is undone where it fails, if the record is derived.
+inline void HeldRecord::take_or_nothing(const Number& share) const {
+  auto* derived = get() == nullptr ? nullptr : stored_bound<Held<Python>>(get());
+  if (derived == nullptr || exact_bound<Held<Python>>(get()) != nullptr) {
+    return use<&Held<Python>::take_or_nothing>("take", share);
+  }
+  const Ref record = *this;
+  const Held<Python> before = *derived;
+  on_failure([&] { use<&Held<Python>::take>("take", share); }, [&] { *derived = before; });
+}
+
+inline void HeldRecord::give_back(const Number& share) const {
+  use<&Held<Python>::give_back>("give_back", share);
+}
+
+inline Number ChargesRecord::bound(const Number& size) const {
+  return use<&Charges<Python>::bound>("bound", size);
+}
+
+inline void ChargesRecord::learn(const Number& size, const Number& charge) const {
+  use<&Charges<Python>::learn>("learn", size, charge);
+}
+
+auto Python::locked(auto& lock, const auto& block) const -> decltype(block()) {
   using Result = decltype(block());
   Entered entered = state->locks.enter(lock);
   try {
@@ -141,12 +157,36 @@ auto Python::locked(const Ref& lock, const auto& block) const -> decltype(block(
 }
 
 template <typename Bound>
-Ref Python::make_share(const Bound& bound, const Ref& held) const {
-  return share_of(make_give_back(
-      state, object_of(bound), held,
-      [](State* module_state, PyObject* owner, const Ref& amount, const Optional& reply) {
-        Instance<Bound>::of(owner)->bound.give_back(amount, reply, Python{module_state});
-      }));
+void end_call(State* state, PyObject* owner, const Number& amount, const Optional& reply) {
+  Instance<Bound>::of(owner)->bound.give_back(amount, reply, Python{state});
+}
+
+/// The give-back function of a share as an object of the host: `self` is its tuple.
+template <typename Bound>
+PyObject* call_give_back(PyObject* self, PyObject* arguments, PyObject* keywords) {
+  return entry_of_operation([&] {
+    const char* const names[] = {"reply", nullptr};
+    PyObject* reply = nullptr;
+    if (PyArg_ParseTupleAndKeywords(arguments, keywords, "O:give_back", const_cast<char**>(names),
+                                    &reply) == 0) {
+      throw Raised{};
+    }
+    end_call<Bound>(State::of(PyTuple_GET_ITEM(self, 0)), PyTuple_GET_ITEM(self, 1),
+                    Ref::to(PyTuple_GET_ITEM(self, 2)), Optional(Ref::to(reply)));
+    return Ref::none().release();
+  });
+}
+
+template <typename Bound>
+inline Ending ending_of = {
+    end_call<Bound>,
+    {"give_back",
+     reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(call_give_back<Bound>)),
+     METH_VARARGS | METH_KEYWORDS, "Give back what one call holds of one bound."}};
+
+template <typename Bound>
+Ref Python::make_share(const Bound& bound, const Number& held) const {
+  return share_of(GiveBackSlot(state, Ref::to(object_of(bound)), held, &ending_of<Bound>));
 }
 
 }  // namespace decision_bounds::python
@@ -154,11 +194,5 @@ Ref Python::make_share(const Bound& bound, const Ref& held) const {
 namespace decision_bounds {
 
 static_assert(Host<python::Python>);
-
-extern template struct Held<python::Python>;
-extern template struct Charges<python::Python>;
-extern template struct RequestRates<python::Python>;
-extern template struct RunBudget<python::Python>;
-extern template struct DailySpend<python::Python>;
 
 }  // namespace decision_bounds

@@ -1,46 +1,47 @@
 #include "python_host/state.hpp"
 
-#include "python_host/imports.hpp"
+#include <cstddef>
+
+#include "python_host/operation.hpp"
 
 namespace decision_bounds::python {
 
-void State::load(PyObject* loaded) {
-  module = loaded;
-  globals = PyModule_GetDict(loaded);
-  locks.load();
-  threading = import("threading");
-  round = attribute(import("builtins"), "round");
-  cost_decimals = Ref(decision_bounds::cost_decimals);
-  for (std::size_t index = 0; index < names.size(); ++index) {
-    names[index] = interned(name_texts[index]);
+State::State(PyObject* loaded)
+    : module(loaded),
+      globals(PyModule_GetDict(loaded)),
+      empty_summary(checked(PyDict_New)),
+      operation_type(make_operation_type(loaded)) {
+  for (std::size_t entry = 0; entry < summary_keys.size(); ++entry) {
+    summary_keys[entry] = interned(decision_bounds::summary_keys[entry]);
+    checked(PyDict_SetItem, empty_summary, summary_keys[entry], Ref::none());
   }
-  for (std::size_t index = 0; index < summary_keys.size(); ++index) {
-    summary_keys[index] = interned(decision_bounds::summary_keys[index]);
-  }
-  deadline_and_clock = Ref::checked(PyTuple_Pack(2, name(Name::deadline), name(Name::clock)));
-  exc_info = Ref::checked(PyTuple_Pack(1, name(Name::exc_info)));
 }
 
 int State::traverse(visitproc visit, void* arg) const {
   Py_VISIT(threading.get());
-  Py_VISIT(operation_type.get());
-  Py_VISIT(give_back_type.get());
+  Py_VISIT(condition_type.get());
   Py_VISIT(round.get());
+  Py_VISIT(operation_type.get());
+  Py_VISIT(held_type.get());
+  Py_VISIT(share_type.get());
   return locks.traverse(visit, arg);
 }
 
-void State::remember_share(const Ref& type) {
-  share_type = reinterpret_cast<PyTypeObject*>(type.get());
-  _PyType_Lookup(share_type, interned("__init__").get());  // gives the type its version tag
-  share_version = share_type->tp_version_tag;
+void State::remember_surface() {
+  held_type = global(names.held);
+  const Ref make_budget = attribute(global(interned("RunBudget")), "__init__");
+  const Ref defaults = attribute(make_budget, "__defaults__");
+  has_default_factory = checked(PySequence_GetItem, defaults, Py_ssize_t{-1});
+  share_type = global(names.share);
+  auto* type = reinterpret_cast<PyTypeObject*>(share_type.get());
+  attribute_of_type(type, interned("__init__"));  // gives the type its version tag
+  share_version = type->tp_version_tag;
 }
 
-Ref State::global(Name looked_up) const {
-  Ref value = Ref::to(PyDict_GetItemWithError(globals, name(looked_up)));
+Ref State::global(const Ref& name) const {
+  Ref value = item(Ref::to(globals), name);
   if (value.get() == nullptr) {
-    if (PyErr_Occurred() == nullptr) {
-      PyErr_Format(PyExc_NameError, "name '%U' is not defined", name(looked_up));
-    }
+    PyErr_Format(PyExc_NameError, "name '%U' is not defined", name.get());
     throw Raised{};
   }
   return value;

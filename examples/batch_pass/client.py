@@ -3,28 +3,21 @@
 from __future__ import annotations
 
 import math
-import threading
 import time
 from dataclasses import dataclass
-from functools import partial
 from typing import Callable
 
 from engines.decision_bounds import (
     DailySpend,
     DecisionTimeout,
     DecisionUnavailable,
-    RequestRates,
     RunBudget,
     Share,
 )
 
-from examples.batch_pass.endpoint import (
-    INPUT_TOKEN_USD,
-    MAX_OUTPUT_TOKENS,
-    OUTPUT_TOKEN_USD,
-    PROMPT_TOKENS,
-)
+from examples.batch_pass.keyed_lock import KeyedLock
 from examples.batch_pass.ledger import Ledger, utc_today
+from examples.batch_pass.prices import dearest
 from examples.batch_pass.remote import NotBilled, NotRead, Remote, Reply
 from examples.batch_pass.tally import Tally
 
@@ -54,17 +47,16 @@ class Request:
 class DecisionClient:
     """Asks the endpoint, answers repeated requests from the ledger, and keeps to the daily cap.
 
-    Any number of threads may share one client: they share its rates and its cap.
+    Any number of threads may share one client: they share its cap.
     """
 
     def __init__(self, remote: Remote, ledger: Ledger, cap: float, tally: Tally) -> None:
-        """Start with no rates known; ``cap`` is what the calls of one UTC day may cost, in USD."""
-        self.rates = RequestRates()
+        """Take up the day where ``ledger`` says it stands; ``cap`` is for one UTC day, in USD."""
         self.day = DailySpend(cap, utc_today, ledger.spent_since)
         self._remote = remote
         self._ledger = ledger
         self._tally = tally
-        self._asking: dict[str, threading.Lock] = {}
+        self._asking = KeyedLock()
         self._closed_until = -math.inf
         self._closed_because = ""
 
@@ -74,14 +66,13 @@ class DecisionClient:
         Raises ``DecisionBudgetExceeded`` when one of them is used up, ``DecisionStopped`` when the
         pass stops, ``DecisionUnavailable`` when the endpoint keeps failing, and ``LedgerError``.
         """
+        most = dearest(request.size)
 
         def attempt() -> Reply:
-            with self._share_of_pass(request, budget) as of_pass:
-                with self._share_of_day(request, budget) as of_day:
-                    reply = self._ask(request, READ_TIMEOUT_S)
-                    of_day.settle(reply)
-                of_pass.settle(reply)
-            return reply
+            # The pass first: a call that waits for tokens should not hold money meanwhile.
+            with self._share_of_pass(most, budget) as of_pass:
+                with self._share_of_day(most, budget) as of_day:
+                    return self._pay(request, most, READ_TIMEOUT_S, of_day, of_pass)
 
         reply = self._answer(request, attempt)
         if reply.cached:
@@ -93,35 +84,24 @@ class DecisionClient:
 
         Raises as ``decide`` does, and ``DecisionTimeout`` when the deadline has passed.
         """
+        most = dearest(request.size)
 
         def attempt() -> Reply:
             with self.day.admit(
-                partial(self._ceiling, request),
-                deadline=deadline,
-                clock=time.monotonic,
-                stopping=stopping,
+                lambda: most.cost, deadline=deadline, clock=time.monotonic, stopping=stopping
             ) as of_day:
                 left_s = deadline - time.monotonic()
                 if left_s <= 0:
                     raise DecisionTimeout("the tool's question ran out of its deadline")
-                reply = self._ask(request, min(left_s, READ_TIMEOUT_S))
-                of_day.settle(reply)
-            return reply
+                return self._pay(request, most, min(left_s, READ_TIMEOUT_S), of_day)
 
         return self._answer(request, attempt)
 
     def _answer(self, request: Request, attempt: Callable[[], Reply]) -> Reply:
         """Return the reply from the ledger, else from ``attempt``, tried again while it fails."""
         # Of equal requests at once, one pays and the others then find its answer.
-        with self._asking.setdefault(request.text, threading.Lock()):
-            cached = self._ledger.answer(request.text)
-            if cached is not None:
-                return cached
-            reply = self._retried(attempt)
-            # The shares are settled by now: a day that starts with a settle reads the ledger, and
-            # must not find there the very reply that it is about to count.
-            self._ledger.record(request.text, reply)
-            return reply
+        with self._asking.hold(request.text):
+            return self._ledger.answer(request.text) or self._retried(attempt)
 
     def _retried(self, attempt: Callable[[], Reply]) -> Reply:
         """Make attempts, each with shares of its own, until one is answered or none is left.
@@ -145,43 +125,53 @@ class DecisionClient:
                 self._tally.retries += 1
             time.sleep(pause_s)
 
-    def _ask(self, request: Request, timeout_s: float) -> Reply:
-        """Make one attempt, while the caller holds its shares."""
+    def _pay(self, request: Request, most: Reply, timeout_s: float, *shares: Share) -> Reply:
+        """Make one attempt, settle ``shares`` with what it counts as, and record that as paid.
+
+        It counts as ``most`` from when it may have left until its reply was read, so that an
+        attempt that is billed and never read, whatever ended it, takes its money and its tokens.
+        """
+        paid: Reply | None = most
         try:
-            reply = self._remote.ask(request.kind, request.text, timeout_s)
-        except NotRead:
-            self._count_unread(request)
+            paid = self._remote.ask(request.kind, request.text, timeout_s)
+            return paid
+        except NotBilled:
+            paid = None
             raise
-        # Learned before the shares settle: the calls that a settle wakes then know this price.
-        self.rates.learn(request.size, request.kind, reply)
-        return reply
+        finally:
+            for share in shares:
+                share.settle(paid)
+            if paid is not None:
+                # The shares are settled by now: a day that starts with a settle reads the ledger,
+                # and must not find there the very reply that it is about to count.
+                self._record(request, paid)
 
-    def _count_unread(self, request: Request) -> None:
-        """Count an attempt that was sent and never read at the most that it may be billed."""
-        dearest = Reply("", 0, self._ceiling(request))
-        self.day.charge(dearest)
+    def _record(self, request: Request, paid: Reply) -> None:
+        """Record what an attempt counted as; a reply that was never read has no decision."""
         with self._tally.lock:
-            self._tally.unread += 1
-            self._tally.unread_usd += dearest.cost
-        self._ledger.record(request.text, dearest)
+            if paid.decision:
+                self._tally.paid += 1
+                self._tally.paid_usd += paid.cost
+            else:
+                self._tally.unread += 1
+                self._tally.unread_usd += paid.cost
+        self._ledger.record(request.text, paid)
 
-    def _share_of_pass(self, request: Request, budget: RunBudget) -> Share:
-        """Return the share of the pass's tokens for one attempt, and count how long it waited."""
-        # A text never has more tokens than bytes, which bounds also the calls before any reply.
-        tokens = min(self.rates.tokens(request.size), PROMPT_TOKENS + request.size)
+    def _share_of_pass(self, most: Reply, budget: RunBudget) -> Share:
+        """Return the share of the pass for one attempt, and count how long it waited."""
         asked = time.monotonic()
         try:
-            return budget.hold(tokens)
+            return budget.hold(most.input_tokens)
         finally:
             with self._tally.lock:
                 self._tally.waited_for_tokens_s += time.monotonic() - asked
 
-    def _share_of_day(self, request: Request, budget: RunBudget) -> Share:
+    def _share_of_day(self, most: Reply, budget: RunBudget) -> Share:
         """Return the share of the daily cap for one attempt, and count how long it waited."""
         asked = time.monotonic()
         try:
             return self.day.admit(
-                partial(self._cost_bound, request),
+                lambda: most.cost,
                 deadline=None,
                 clock=time.monotonic,
                 stopping=budget.stopping,
@@ -189,24 +179,3 @@ class DecisionClient:
         finally:
             with self._tally.lock:
                 self._tally.waited_for_cap_s += time.monotonic() - asked
-
-    def _cost_bound(self, request: Request) -> float:
-        """Return the most the request may cost, in USD; infinite for a kind without a reply."""
-        # Never below the client's own price: after one cheap reply, calls that hold no more than it
-        # cost would be admitted side by side, and each could pass the cap by what it costs above.
-        return max(self.rates.cost(request.size, request.kind), _price(request))
-
-    def _ceiling(self, request: Request) -> float:
-        """Return the most that the request may cost, in USD; by price for a kind without a reply.
-
-        A pass leaves such a call unbounded, and so alone, once for each kind. A tool's call has a
-        deadline and cannot wait until nobody else asks.
-        """
-        bound = self._cost_bound(request)
-        return bound if math.isfinite(bound) else _price(request)
-
-
-def _price(request: Request) -> float:
-    """Return the most that the request may cost by the client's own price list, in USD."""
-    input_usd = (PROMPT_TOKENS + request.size) * INPUT_TOKEN_USD
-    return input_usd + MAX_OUTPUT_TOKENS * OUTPUT_TOKEN_USD

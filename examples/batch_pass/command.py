@@ -16,12 +16,12 @@ from pathlib import Path
 from typing import NoReturn, Sequence
 
 from examples.batch_pass.batch import BatchPass
-from examples.batch_pass.client import DecisionClient, Request
+from examples.batch_pass.client import READ_TIMEOUT_S, DecisionClient, Request
 from examples.batch_pass.endpoint import Endpoint
 from examples.batch_pass.ledger import Ledger, LedgerError, default_ledger
 from examples.batch_pass.progress import Progress
 from examples.batch_pass.remote import Remote
-from examples.batch_pass.report import progress_line, summary
+from examples.batch_pass.report import Billed, bill, progress_line, summary
 from examples.batch_pass.tally import Tally
 from examples.batch_pass.tool import ask_as_tool
 
@@ -36,6 +36,7 @@ class ExitStatus(IntEnum):
     BAD_INPUT = 2  # Wrong usage, unreadable requests, or no ledger to start with.
     BOUND_REACHED = 3
     ENDPOINT_FAILED = 4
+    REPORT_NOT_PRINTED = 5  # The pass is over and recorded all the same.
     INTERRUPTED = 130
 
 
@@ -91,7 +92,13 @@ def _parser() -> argparse.ArgumentParser:
     add = parser.add_argument
     shipped = Path(__file__).with_name("requests.txt")
     add("file", metavar="FILE", nargs="?", type=Path, default=shipped, help="else one shipped")
-    add("--threads", metavar="N", type=threads, default=8, help="calls at once (%(default)s)")
+    add(
+        "--threads",
+        metavar="N",
+        type=threads,
+        default=8,
+        help="calls at once, 1 to 256 (%(default)s)",
+    )
     add("--cap", metavar="USD", type=usd, default=0.2, help="daily cost cap (%(default)s)")
     add("--max-calls", metavar="N", type=count, default=400, help="paid calls (%(default)s)")
     add("--max-tokens", metavar="N", type=count, default=40_000, help="input tokens (%(default)s)")
@@ -103,20 +110,26 @@ def _parser() -> argparse.ArgumentParser:
 
 def read_requests(path: Path) -> list[Request]:
     """Return the lines of ``path`` that are not blank. Raises ``InputError`` if there are none."""
+    requests = []
     try:
-        lines = path.read_text(encoding="utf-8-sig").split("\n")
+        for number, line in enumerate(path.read_bytes().split(b"\n"), start=1):
+            text = line.decode("utf-8-sig" if number == 1 else "utf-8").strip()
+            if text:
+                requests.append(Request(text))
     except OSError as error:
         raise InputError(f"cannot read {path}: {error.strerror}") from error
     except UnicodeDecodeError as error:
-        raise InputError(f"cannot read {path}: it is not UTF-8 text") from error
-    requests = [Request(line.strip()) for line in lines if line.strip()]
+        raise InputError(f"cannot read {path}: line {number} is not UTF-8 text") from error
     if not requests:
         raise InputError(f"{path} has no requests: every line is blank")
     return requests
 
 
-def _print(lines: Sequence[str]) -> None:
-    """Print to the standard output, whose reader may have had enough."""
+def _printed(lines: Sequence[str]) -> bool:
+    """Print to the standard output, and return whether that could be done.
+
+    A reader that hangs up has had enough, and is told nothing more.
+    """
     try:
         print("\n".join(lines), flush=True)
     except OSError as error:
@@ -124,6 +137,8 @@ def _print(lines: Sequence[str]) -> None:
             print(f"batch_pass: cannot print the report: {error.strerror}", file=sys.stderr)
         # What is left in the buffer must not fail again when the interpreter ends.
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        return False
+    return True
 
 
 def _status(batch: BatchPass) -> ExitStatus:
@@ -145,20 +160,23 @@ def _run(options: argparse.Namespace, ledger: Ledger, remote: Remote) -> ExitSta
     client = DecisionClient(remote, ledger, options.cap, tally)
     batch = BatchPass(client, options.requests, options.max_calls, options.max_tokens)
     signal.signal(signal.SIGINT, lambda *_: batch.interrupt())
+    billed_before = remote.bill(READ_TIMEOUT_S)
     started = time.monotonic()
     with ThreadPoolExecutor(1) as aside:
         tool = aside.submit(ask_as_tool, client, batch.stopping)
         batch.run(options.threads, lambda: progress.show(progress_line(batch, client, options.cap)))
+    took_s = time.monotonic() - started
+    billed = Billed(billed_before, remote.bill(READ_TIMEOUT_S))
     progress.show("")
 
     for failure in filter(None, (batch.ledger_failure, batch.unavailable)):
         print(f"batch_pass: {failure}", file=sys.stderr)
-    lines = summary(batch, client, tally, options.cap, time.monotonic() - started)
+    lines = summary(batch, client, tally, options.cap, ledger.path, took_s)
     if options.decisions:
         decided = ((reply.decision if reply else "-") for reply in batch.replies)
         lines[:0] = [f"{decision:10}{r.text}" for decision, r in zip(decided, batch.requests)]
-    _print([*lines, f"Tool      {tool.result()}"])
-    return _status(batch)
+    lines += [f"Tool      {tool.result()}", *bill(tally, billed)]
+    return _status(batch) if _printed(lines) else ExitStatus.REPORT_NOT_PRINTED
 
 
 def main(arguments: Sequence[str] | None = None) -> ExitStatus:

@@ -6,8 +6,14 @@ import json
 import math
 import re
 from dataclasses import dataclass
+from http import HTTPStatus
 from http.client import HTTPConnection, HTTPException
 from urllib.parse import urlsplit
+
+from examples.batch_pass.endpoint import MAX_OUTPUT_TOKENS
+
+# The answers with which the endpoint is known to bill nothing. A 500 may come after billing.
+_REFUSALS = (HTTPStatus.BAD_REQUEST, HTTPStatus.NOT_FOUND, HTTPStatus.TOO_MANY_REQUESTS)
 
 
 @dataclass(frozen=True)
@@ -23,8 +29,16 @@ class Reply:
     cached: bool = False
 
 
+@dataclass(frozen=True)
+class Bill:
+    """What the endpoint says that it has billed so far, to all its clients."""
+
+    calls: int
+    cost_usd: float
+
+
 class NotBilled(Exception):
-    """The endpoint could not be reached or refused the attempt, which then costs nothing."""
+    """The attempt is known to cost nothing: there was no connection, or a refusal came."""
 
 
 class NotRead(Exception):
@@ -41,26 +55,41 @@ class Remote:
             raise ValueError(f"not an http:// address: {url!r}")
         self.url = url
         self._host, self._port = address.hostname, address.port or 80
-        self._path = address.path.rstrip("/") + "/decide"
+        self._path = address.path.rstrip("/")
 
     def ask(self, kind: str, text: str, timeout_s: float) -> Reply:
         """Ask once, waiting at most ``timeout_s`` seconds for each step of the exchange.
 
         Raises ``NotBilled`` or ``NotRead``, each with a text that says why.
         """
+        question = {"kind": kind, "text": text, "max_output_tokens": MAX_OUTPUT_TOKENS}
         connection = HTTPConnection(self._host, self._port, timeout=timeout_s)
         try:
             connection.connect()
         except (OSError, UnicodeError) as error:
             raise NotBilled(f"no connection to {self.url}: {error}") from error
         try:
-            connection.request("POST", self._path, json.dumps({"kind": kind, "text": text}))
+            connection.request("POST", self._path + "/decide", json.dumps(question))
             response = connection.getresponse()
-            if response.status != 200:
+            if response.status in _REFUSALS:
                 raise NotBilled(f"{self.url} answered {response.status} {response.reason}")
+            if response.status != HTTPStatus.OK:
+                raise NotRead(f"{self.url} answered {response.status} {response.reason}")
             return _reply(response.read())
         except (OSError, HTTPException) as error:
             raise NotRead(f"no reply from {self.url}: {error}") from error
+        finally:
+            connection.close()
+
+    def bill(self, timeout_s: float) -> Bill | None:
+        """Return the endpoint's bill so far, or ``None`` if it does not tell."""
+        connection = HTTPConnection(self._host, self._port, timeout=timeout_s)
+        try:
+            connection.request("GET", self._path + "/bill")
+            answer = json.loads(connection.getresponse().read())
+            return Bill(int(answer["calls"]), float(answer["cost_usd"]))
+        except (OSError, HTTPException, KeyError, TypeError, ValueError):
+            return None
         finally:
             connection.close()
 

@@ -10,9 +10,16 @@ from dataclasses import dataclass, field
 class Tally:
     """Counts and sums over all the calls of one run. Threads change them with ``lock`` held."""
 
-    retries: int = 0
+    paid: int = 0  # Attempts whose reply was read.
+    paid_usd: float = 0.0
     unread: int = 0  # Attempts that were sent and whose reply was never read.
-    unread_usd: float = 0.0
+    unread_usd: float = 0.0  # What was counted for them: the most that each may cost.
+    retries: int = 0
     waited_for_tokens_s: float = 0.0
     waited_for_cap_s: float = 0.0
     lock: threading.Lock = field(default_factory=threading.Lock, repr=False, compare=False)
+
+    @property
+    def counted_usd(self) -> float:
+        """What was counted in all."""
+        return self.paid_usd + self.unread_usd

@@ -102,13 +102,17 @@ class LifetimeTest(unittest.TestCase):
         class Small(bounds.RunBudget):  # type: ignore[misc]
             max_calls: int = 1
             max_tokens: int = 9
+            calls: int = 0
 
-        small = Small()
-        small.reserve()
-        self.assertTrue(small.exhausted())
-        small.max_calls = 2
-        small.reserve()
-        self.assertEqual(small.in_flight, 2)
+        for small in (Small(), Small(1, 9)):
+            small.reserve()
+            self.assertTrue(small.exhausted())
+            small.max_calls = 2
+            small.charge(Reply())
+            # What is set is used, and what is counted is read.
+            self.assertEqual([small.calls, small.summary()["calls"]], [1, 1])
+            self.assertFalse(small.exhausted())
+        self.assertEqual(dataclasses.replace(small, calls=5).summary()["calls"], 5)
 
     def test_missing_fields_are_attribute_errors(self) -> None:
         for make, use, fields in (
@@ -133,6 +137,42 @@ class LifetimeTest(unittest.TestCase):
         for use in (lambda: empty.take(1.0), empty.__repr__, budget.summary):
             self.assertRaises(AttributeError, use)
         self.assertTrue(is_free(budget._changed))
+
+    def test_an_old_value_ends_when_the_new_one_stands(self) -> None:
+        class Last(float):
+            def __del__(self) -> None:
+                budget.cost = 9.0
+
+        budget = bounds.RunBudget(9, 9, cost=Last(1.0))
+        budget.cost = 5.0
+        budget.charge(Reply(cost=0.25))
+        self.assertEqual(budget.cost, 9.25)
+
+        class Once:
+            def __call__(self, reply: Any) -> None:
+                raise AssertionError("replaced")
+
+            def __del__(self) -> None:
+                share.settle("early")
+
+        given: list[Any] = []
+        share = bounds.Share(Once())
+        share._give_back = given.append
+        self.assertEqual(given, ["early"])
+
+    def test_a_share_of_a_bound_hands_out_one_function(self) -> None:
+        for bound, held, share in (
+            (budget := bounds.RunBudget(9, 9), budget._held_tokens, budget.hold(2.0)),
+            (spend := account(), spend._held, admit(spend, 2.0)),
+        ):
+            give_back = share._give_back
+            self.assertIs(share._give_back, give_back)
+            self.assertRaises(TypeError, give_back)
+            share._give_back = None
+            share.settle(None)
+            self.assertEqual(held.holders, 1)
+            give_back(reply=None)
+            self.assertEqual(held, bounds._Held(), bound)
 
     def test_what_changes_under_a_call_does_no_harm(self) -> None:
         budget = bounds.RunBudget(9, 9)

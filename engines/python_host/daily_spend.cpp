@@ -1,0 +1,49 @@
+/// The class `DailySpend`.
+
+#include "decision_bounds/daily_spend.hpp"
+
+#include "python_host/class_type.hpp"
+
+namespace decision_bounds::python {
+
+using HostSpend = DailySpend<Python>;
+
+template <>
+struct ClassOf<HostSpend> {
+  static constexpr const char* type_name = "decision_bounds.DailySpend";
+  static constexpr std::tuple fields = {
+      Field{"_cap", &HostSpend::cap},       Field{"_today", &HostSpend::today},
+      Field{"_ledger", &HostSpend::ledger}, Field{"_changed", &HostSpend::changed_},
+      Field{"_held", &HostSpend::held_},    Field{"_day", &HostSpend::day_},
+      Field{"_cost", &HostSpend::cost_},    Field{"_capped", &HostSpend::capped_},
+  };
+};
+
+template struct Instance<HostSpend>;
+
+constexpr Definition daily_spend_operations[] = {
+    {"__init__",
+     [](const Python& host, const Arguments& arguments) {
+       const State& state = *host.state;
+       auto& spend = arguments.bound<HostSpend>();
+       spend.cap = arguments.get<Number>(1);
+       spend.today = arguments.get<Function>(2);
+       spend.ledger = arguments.get<Function>(3);
+       spend.changed_ = Condition(call_method(interned("Condition"), state.threading));
+       spend.held_ = HeldRecord(call(state.global(state.names.held)));
+       spend.day_ = interned("");
+       spend.cost_ = 0.0;
+       spend.capped_ = Ref(false);
+       return Ref::none();
+     }},
+    {"spent", method<&HostSpend::spent>},
+    {"admit", method<&HostSpend::admit>},
+    {"charge", method<&HostSpend::charge>},
+    {"_give_back", method<&HostSpend::give_back>},
+    {"_today_locked", method<&HostSpend::today_locked>},
+    {"_spent_since", method<&HostSpend::spent_since>},
+};
+
+const ClassDefinition daily_spend_class = define_class<HostSpend>(daily_spend_operations);
+
+}  // namespace decision_bounds::python

@@ -1,0 +1,61 @@
+#include "python_host/error.hpp"
+
+namespace decision_bounds::python {
+
+#if PY_VERSION_HEX >= 0x030C0000
+
+Error Error::take() {
+  Error error;
+  error.exception_ = Ref::owned(PyErr_GetRaisedException());
+  return error;
+}
+
+void Error::restore() { PyErr_SetRaisedException(exception_.release()); }
+
+#else
+
+Error Error::take() {
+  PyObject* type = nullptr;
+  PyObject* exception = nullptr;
+  PyObject* traceback = nullptr;
+  PyErr_Fetch(&type, &exception, &traceback);
+  shielded([&] { PyErr_NormalizeException(&type, &exception, &traceback); });
+  if (traceback != nullptr) {
+    PyException_SetTraceback(exception, traceback);
+  }
+  Py_XDECREF(type);
+  Py_XDECREF(traceback);
+  Error error;
+  error.exception_ = Ref::owned(exception);
+  return error;
+}
+
+void Error::restore() {
+  PyErr_Restore(type().release(), exception_.get(), traceback().release());
+  exception_.release();
+}
+
+#endif
+
+Ref Error::traceback() const {
+  PyObject* traceback = PyException_GetTraceback(exception_.get());
+  return traceback == nullptr ? Ref() : Ref::owned(traceback);
+}
+
+void add_caller_to_traceback() {
+  if (PyFrameObject* caller = PyEval_GetFrame()) {
+    shielded([&] { PyTraceBack_Here(caller); });
+  }
+}
+
+Handling::Handling(const Error& error) {
+  PyErr_GetExcInfo(&type_, &exception_, &traceback_);
+  PyErr_SetExcInfo(error.type().release(), Ref(error.exception()).release(),
+                   error.traceback().release());
+}
+
+Handling::~Handling() {
+  shielded([&] { PyErr_SetExcInfo(type_, exception_, traceback_); });
+}
+
+}  // namespace decision_bounds::python

@@ -1,0 +1,42 @@
+/// The class `RequestRates`.
+
+#include "decision_bounds/request_rates.hpp"
+
+#include "python_host/class_type.hpp"
+
+namespace decision_bounds::python {
+
+using HostRates = RequestRates<Python>;
+
+template <>
+struct ClassOf<HostRates> {
+  static constexpr const char* type_name = "decision_bounds.RequestRates";
+  static constexpr std::tuple fields = {
+      Field{"_lock", &HostRates::lock_},
+      Field{"_cost", &HostRates::cost_},
+      Field{"_tokens", &HostRates::tokens_},
+      Field{"_features", &HostRates::features_},
+  };
+};
+
+template struct Instance<HostRates>;
+
+constexpr Definition request_rates_operations[] = {
+    {"__init__",
+     [](const Python& host, const Arguments& arguments) {
+       const State& state = *host.state;
+       auto& rates = arguments.bound<HostRates>();
+       rates.lock_ = call_method(interned("Lock"), state.threading);
+       rates.cost_ = ChargesRecord(call(state.global(state.names.charges)));
+       rates.tokens_ = ChargesRecord(call(state.global(state.names.charges)));
+       rates.features_ = Features(checked(PySet_New, nullptr));
+       return Ref::none();
+     }},
+    {"cost", method<&HostRates::cost>},
+    {"tokens", method<&HostRates::tokens>},
+    {"learn", method<&HostRates::learn>},
+};
+
+const ClassDefinition request_rates_class = define_class<HostRates>(request_rates_operations);
+
+}  // namespace decision_bounds::python

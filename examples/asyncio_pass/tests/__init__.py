@@ -1,0 +1,1 @@
+"""Tests of the pass on an event loop."""

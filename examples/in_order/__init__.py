@@ -1,0 +1,1 @@
+"""A turnstile in front of a bound: nobody is overtaken."""

@@ -1,0 +1,1 @@
+"""Tests of the bounds with a turnstile in front."""
