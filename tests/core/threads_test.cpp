@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstddef>
 #include <future>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -87,6 +88,17 @@ TEST(Threads, EveryCallOfAPassGetsItsTurnAndUnboundedOnesRunAlone) {
             "{'calls': 64, 'cache_hits': 0, 'input_tokens': 640, 'cost_usd': 8.0, "
             "'max_calls': 64, 'max_tokens': 1000}");
   EXPECT_EQ(budget.in_flight + budget.held_tokens_.holders, 0);
+}
+
+TEST(Threads, ASnapshotWaitsForTheLock) {
+  using namespace std::chrono_literals;
+  RunBudget budget{.max_calls = 2, .max_tokens = 100};
+  std::unique_lock changing(budget.changed_);
+  auto reading = std::async(std::launch::async, [&] { return snapshot(budget); });
+  EXPECT_EQ(reading.wait_for(20ms), std::future_status::timeout);
+  budget.calls = 1;
+  changing.unlock();
+  EXPECT_EQ(reading.get().calls, 1);
 }
 
 TEST(Threads, ASleepingCallSeesAStopThatNothingSignals) {
