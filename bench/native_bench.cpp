@@ -3,6 +3,7 @@
 
 #include <array>
 #include <benchmark/benchmark.h>
+#include <chrono>
 #include <cstdint>
 #include <mutex>
 #include <semaphore>
@@ -15,7 +16,7 @@ namespace {
 
 namespace native = decision_bounds::native;
 
-constexpr std::int64_t unlimited = std::int64_t{1} << 60;
+constexpr std::int64_t unlimited = std::int64_t{1} << 52;
 constexpr double call_tokens = 700.0;
 constexpr double call_usd = 0.05;
 constexpr native::PaidReply reply = {.cached = false, .input_tokens = 700, .cost = call_usd};
@@ -31,21 +32,22 @@ class Client {
     for (std::int64_t kind = 0; kind < features; ++kind) {
       rates.learn(2000, "feature " + std::to_string(kind), reply);
     }
-    for (; day_ < days; ++day_) {
+    for (std::int64_t day = 0; day < days; ++day) {
+      today_ += std::chrono::days(1);
       spend.charge(reply);
     }
   }
 
   native::RunBudget budget{.max_calls = unlimited, .max_tokens = unlimited};
   native::RequestRates rates;
-  native::DailySpend spend{.cap = 1e15, .today = [this] { return std::to_string(day_); }};
+  native::DailySpend spend{1e15, [this] { return today_; }};
   native::Condition changed;
   std::mutex mutex;
   std::counting_semaphore<> semaphore{4096};
   const std::string feature = "feature 0";
 
  private:
-  std::int64_t day_ = 0;
+  std::chrono::sys_days today_{};
 };
 
 void reserve_charge(Client& client) {
@@ -59,7 +61,7 @@ void hold_settle(Client& client) {
 }
 
 void admit_settle(Client& client) {
-  native::HeldShare share = client.spend.admit([] { return call_usd; }, {}, {}, {});
+  native::HeldShare share = client.spend.admit([] { return call_usd; });
   share.settle(reply);
 }
 

@@ -12,8 +12,19 @@ endif()
 if(GTest_FOUND)
     file(GLOB core_test_sources CONFIGURE_DEPENDS tests/core/*.cpp)
     add_executable(core_tests ${core_test_sources})
-    target_link_libraries(core_tests PRIVATE decision_bounds_core GTest::gmock_main project_warnings)
+    target_link_libraries(core_tests PRIVATE decision_bounds::core GTest::gmock_main decision_bounds_warnings)
     add_test(NAME core COMMAND core_tests)
+
+    # Each header is all that its reader needs to include.
+    file(GLOB headers CONFIGURE_DEPENDS RELATIVE "${PROJECT_SOURCE_DIR}/engines"
+         engines/decision_bounds/*.hpp)
+    foreach(header IN LISTS headers ITEMS decision_bounds/version.hpp)
+        file(CONFIGURE OUTPUT "alone/${header}.cpp" CONTENT "#include \"@header@\"\n" @ONLY)
+        list(APPEND alone "${PROJECT_BINARY_DIR}/alone/${header}.cpp")
+    endforeach()
+    add_library(core_headers_alone OBJECT ${alone})
+    target_link_libraries(core_headers_alone PRIVATE decision_bounds::core decision_bounds_warnings)
+    set_target_properties(core_headers_alone PROPERTIES CXX_CLANG_TIDY "")
 else()
     # The demo is built without GoogleTest; `scripts/setup test` installs it.
     message(STATUS "GoogleTest was not found: the tests of the core are left out")

@@ -25,7 +25,9 @@ void Condition::wait(double seconds) {
   const int depth = std::exchange(depth_, 0);
   owner_.store({}, std::memory_order_relaxed);
   std::unique_lock held(mutex_, std::adopt_lock);
+  ++sleepers_;
   woken_.wait_for(held, std::chrono::duration<double>(seconds));
+  --sleepers_;
   held.release();
   owner_.store(std::this_thread::get_id(), std::memory_order_relaxed);
   depth_ = depth;

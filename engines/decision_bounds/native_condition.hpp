@@ -23,14 +23,19 @@ class Condition {
   /// calling thread holds the lock.
   void wait(double seconds);
 
-  /// Wakes every sleeper.
-  void notify_all() { woken_.notify_all(); }
+  /// Wakes every sleeper. The calling thread holds the lock.
+  void notify_all() {
+    if (sleepers_ > 0) {
+      woken_.notify_all();
+    }
+  }
 
  private:
   std::mutex mutex_;
   std::condition_variable woken_;
   std::atomic<std::thread::id> owner_{};  ///< Compared without the lock, only with oneself.
   int depth_ = 0;                         ///< Levels that the owner holds.
+  int sleepers_ = 0;  ///< Threads in `wait`, some of them perhaps woken already.
 };
 
 }  // namespace decision_bounds::native

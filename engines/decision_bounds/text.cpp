@@ -3,6 +3,7 @@
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <limits>
 #include <locale>
@@ -48,6 +49,14 @@ std::string fixed_text(double value, int decimals) {
                                  std::chars_format::fixed, decimals)
                        .ptr;
   return {buffer.data(), end};
+}
+
+std::string date_text(std::chrono::sys_days day) {
+  const std::chrono::year_month_day date(day);
+  std::array<char, 32> text;
+  std::snprintf(text.data(), text.size(), "%04d-%02u-%02u", static_cast<int>(date.year()),
+                static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()));
+  return text.data();
 }
 
 double rounded(double value, int decimals) {

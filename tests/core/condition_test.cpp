@@ -1,5 +1,7 @@
 // The native condition: reentrant, given up wholly while it sleeps, and woken for all.
 
+#include <atomic>
+#include <chrono>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -43,6 +45,32 @@ TEST(Condition, OneWakeUpEndsEverySleepAndASleeperHasGivenUpAllItsLevels) {
     sleeper.join();
   }
   EXPECT_EQ(finished, 8);
+}
+
+TEST(Condition, WhoHadTheLockOnceTakesItAnewAndKeepsTheOthersOut) {
+  using namespace std::chrono_literals;
+  Condition changed;
+  const auto keeps_others_out = [&changed] {
+    std::atomic<bool> entered = false;
+    std::unique_lock held(changed);
+    std::thread other([&] {
+      const std::lock_guard of_the_other(changed);
+      entered = true;
+    });
+    std::this_thread::sleep_for(20ms);
+    const bool kept_out = !entered;
+    held.unlock();
+    other.join();
+    return kept_out;
+  };
+  EXPECT_TRUE(keeps_others_out());
+  EXPECT_TRUE(keeps_others_out()) << "the lock given up was given up wholly";
+  {
+    const std::lock_guard held(changed);
+    changed.wait(0.001);
+    const std::lock_guard after_the_sleep(changed);
+  }
+  EXPECT_TRUE(keeps_others_out());
 }
 
 }  // namespace decision_bounds::native

@@ -76,7 +76,7 @@ TEST_F(DailySpendTest, ALedgerThatFailsIsLoggedAndCountsAsNothing) {
 
 TEST_F(DailySpendTest, AnInterruptOfTheLedgerPassesAndStartsNoDay) {
   const Scripted::Ledger readable = std::exchange(account.ledger, interrupt);
-  EXPECT_THROW(admit(0.5), Interrupt);
+  EXPECT_THROW((void)admit(0.5), Interrupt);
   EXPECT_TRUE(idle());
   account.ledger = readable;
   EXPECT_EQ(spent(), 0.5);
@@ -89,7 +89,7 @@ TEST_F(DailySpendTest, ReachingTheCapRefusesAndWarnsOnceADay) {
   // A refused call is not asked what it may cost, nor looked at for a stop or its deadline.
   stop = true;
   deadline = -1.0;
-  const auto refused = [this] { admit(interrupt); };
+  const auto refused = [this] { return admit(interrupt); };
   for (int attempt = 0; attempt < 2; ++attempt) {
     EXPECT_THAT(refused,
                 ThrowsMessage<DecisionBudgetExceeded>(
@@ -99,7 +99,7 @@ TEST_F(DailySpendTest, ReachingTheCapRefusesAndWarnsOnceADay) {
                                     "spent today (UTC); paid calls resume tomorrow, cached answers "
                                     "are still used"));
   date = "2024-03-01";
-  EXPECT_THROW(refused(), DecisionBudgetExceeded);
+  EXPECT_THROW((void)refused(), DecisionBudgetExceeded);
   EXPECT_THAT(warnings, SizeIs(2));
   EXPECT_TRUE(idle());
 }
@@ -122,9 +122,9 @@ TEST_F(DailySpendTest, AWaitEndsAtTheDeadlineOrInAStopOrBeforeThatInARefusal) {
   deadline = 7.0;
   HeldShare first = admit(0.5);
   changed.asleep = [&] { now = 7.0; };
-  EXPECT_THROW(admit(0.125), DecisionTimeout);
+  EXPECT_THROW((void)admit(0.125), DecisionTimeout);
   stop = true;
-  EXPECT_THROW(admit(0.125), DecisionStopped);
+  EXPECT_THROW((void)admit(0.125), DecisionStopped);
   first.release();
   HeldShare second = admit(2.0);  // Where there is room, neither is looked at.
   EXPECT_THAT(warnings, ElementsAre());
@@ -134,7 +134,7 @@ TEST_F(DailySpendTest, AWaitEndsAtTheDeadlineOrInAStopOrBeforeThatInARefusal) {
     second.settle({.cost = 0.5});
     stop = true;
   };
-  EXPECT_THROW(admit(0.125), DecisionBudgetExceeded);
+  EXPECT_THROW((void)admit(0.125), DecisionBudgetExceeded);
   EXPECT_TRUE(idle());
 }
 
@@ -152,19 +152,19 @@ TEST_F(DailySpendTest, SharesAreHeldAcrossMidnightAndCountOnTheDayTheySettle) {
 }
 
 TEST_F(DailySpendTest, AFailureLeavesNothingHeld) {
-  EXPECT_THROW(admit(interrupt), Interrupt);
+  EXPECT_THROW((void)admit(interrupt), Interrupt);
   host.share_cannot_be_made = true;
-  EXPECT_THROW(admit(unknown), Interrupt);
+  EXPECT_THROW((void)admit(unknown), Interrupt);
   EXPECT_TRUE(idle());
   host.share_cannot_be_made = false;
   {
     const HeldShare full = admit(1.0);
-    EXPECT_THROW(account.admit([] { return 0.5; }, 1.0, interrupt, {}, host), Interrupt);
+    EXPECT_THROW((void)account.admit([] { return 0.5; }, 1.0, interrupt, {}, host), Interrupt);
     EXPECT_EQ(account.held_.holders, 1);
   }
   EXPECT_TRUE(idle());
   account.today = no_date;
-  EXPECT_THROW(admit(0.5), Interrupt);
+  EXPECT_THROW((void)admit(0.5), Interrupt);
   EXPECT_THROW(account.charge({}, host), Interrupt);
   EXPECT_TRUE(idle());
 }

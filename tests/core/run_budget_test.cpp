@@ -64,13 +64,13 @@ TEST_F(RunBudgetTest, AWaitingCallTakesTheRoomThatAnEndingCallLeaves) {
 TEST_F(RunBudgetTest, AWaitEndsInAStopOrBeforeThatInARefusal) {
   HeldShare full = budget.hold(900.0);
   changed.asleep = [&] { stop = true; };
-  EXPECT_THROW(budget.hold(1.0), DecisionStopped);
+  EXPECT_THROW((void)budget.hold(1.0), DecisionStopped);
   stop = false;
   changed.asleep = [&] {
     full.settle({.input_tokens = 900});
     stop = true;
   };
-  EXPECT_THROW(budget.hold(1.0), DecisionBudgetExceeded);
+  EXPECT_THROW((void)budget.hold(1.0), DecisionBudgetExceeded);
   EXPECT_TRUE(idle());
 }
 
@@ -87,11 +87,11 @@ TEST_F(RunBudgetTest, ACachedReplyIsOnlyCounted) {
 TEST_F(RunBudgetTest, AFailureLeavesNothingHeld) {
   Scripted host;
   host.share_cannot_be_made = true;
-  EXPECT_THROW(budget.hold(unknown, host), Interrupt);
+  EXPECT_THROW((void)budget.hold(unknown, host), Interrupt);
   EXPECT_TRUE(idle());
   budget.should_stop = [this] { return changed.levels > 0 && interrupt() > 0; };
   const HeldShare full = budget.hold(900.0);
-  EXPECT_THROW(budget.hold(1.0), Interrupt) << "asked again before it sleeps";
+  EXPECT_THROW((void)budget.hold(1.0), Interrupt) << "asked again before it sleeps";
   EXPECT_EQ(budget.in_flight, 1);
   EXPECT_EQ(changed.levels, 0);
 }
@@ -99,7 +99,7 @@ TEST_F(RunBudgetTest, AFailureLeavesNothingHeld) {
 TEST_F(RunBudgetTest, AReplyThatCannotBeReadLeavesTheStepsBeforeItDone) {
   Scripted host;
   host.cost_is_unreadable = true;
-  EXPECT_THROW(budget.hold(300.0, host).settle({.input_tokens = 7, .cost = 1.0}), Interrupt);
+  EXPECT_THROW((void)budget.hold(300.0, host).settle({.input_tokens = 7, .cost = 1.0}), Interrupt);
   EXPECT_EQ(budget.calls, 1);
   EXPECT_EQ(budget.input_tokens, 7);
   EXPECT_TRUE(idle());

@@ -18,6 +18,10 @@ using ::testing::ElementsAre;
 using ::testing::SizeIs;
 using ::testing::ThrowsMessage;
 
+using native::DecisionBudgetExceeded;
+using native::DecisionStopped;
+using native::DecisionTimeout;
+
 inline constexpr double unknown = std::numeric_limits<double>::infinity();
 inline constexpr double not_a_number = std::numeric_limits<double>::quiet_NaN();
 
@@ -48,9 +52,22 @@ struct ScriptedCondition {
   }
 };
 
+/// A lock of a test with one thread: how often it was taken.
+struct CountedMutex {
+  int taken = 0;
+  bool held = false;
+
+  void lock() {
+    ++taken;
+    held = true;
+  }
+  void unlock() { held = false; }
+};
+
 /// Numbers, callbacks and errors are those of plain C++.
 struct Scripted : native::Native {
   using Condition = ScriptedCondition;
+  using Mutex = CountedMutex;
 
   bool cost_is_unreadable = false;
   bool share_cannot_be_made = false;

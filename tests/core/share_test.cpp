@@ -47,6 +47,17 @@ TEST_F(ShareTest, AMovedShareIsGivenBackOnceByItsNewOwner) {
   EXPECT_THAT(given_back, ElementsAre(-1.0));
 }
 
+TEST_F(ShareTest, AShareThatTakesOverAnotherGivesBackItsOwnFirst) {
+  HeldShare kept([this](auto*) { given_back.push_back(-2.0); });
+  {
+    HeldShare first = share();
+    kept = std::move(first);
+  }
+  EXPECT_THAT(given_back, ElementsAre(-2.0));
+  kept.settle({.cost = 0.25});
+  EXPECT_THAT(given_back, ElementsAre(-2.0, 0.25));
+}
+
 TEST_F(ShareTest, AFailingGiveBackIsNotTriedAgain) {
   HeldShare failing(interrupt);
   EXPECT_THROW(failing.settle({}), Interrupt);

@@ -1,8 +1,10 @@
 // The bounds under many threads at once.
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <future>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -37,14 +39,15 @@ TEST(Threads, TheDayStopsWithinOneCallOfItsCap) {
   } log;
   constexpr int dearest_64ths = 6;  // 64ths of a USD, whose sums are exact.
   constexpr int in_flight_when_full = 21;
-  DailySpend account{.cap = 2.0, .today = [] { return "2024-02-29"; }};
+  DailySpend account(
+      2.0, [] { return std::chrono::sys_days(); }, {}, &log);
   RequestRates rates;
   std::atomic<int> paid_64ths = 0;
   std::atomic<int> admitted = 0;
   const auto call = [&](int cost_64ths, int in_flight) {
     const PaidReply reply{.cost = cost_64ths / 64.0};
     const auto bound = [&] { return rates.cost(100, "rank"); };
-    HeldShare share = account.admit(bound, {}, {}, {}, Native{.log = &log});
+    HeldShare share = account.admit(bound);
     ++admitted;
     admitted.notify_all();
     wait_until_at_least(admitted, in_flight);
@@ -64,7 +67,7 @@ TEST(Threads, TheDayStopsWithinOneCallOfItsCap) {
   EXPECT_EQ(account.spent(), paid_64ths / 64.0);
   EXPECT_GE(paid_64ths, 2 * 64);
   EXPECT_LT(paid_64ths, 2 * 64 + dearest_64ths);
-  EXPECT_EQ(account.held_.holders, 0);
+  EXPECT_EQ(snapshot(account).held.holders, 0);
   EXPECT_EQ(log.warnings, 1);
 }
 
@@ -76,7 +79,8 @@ TEST(Threads, EveryCallOfAPassGetsItsTurnAndUnboundedOnesRunAlone) {
     HeldShare share = budget.hold(alone ? unknown : 400.0);
     // Two shares leave some room; a third one, admitted into it, leaves none.
     EXPECT_LE(++in_flight, alone ? 1 : 3);
-    std::this_thread::yield();
+    const PassSnapshot seen = snapshot(budget);
+    EXPECT_EQ(seen.held.holders, seen.in_flight) << "both change under one holding of the lock";
     --in_flight;
     share.settle({.input_tokens = 10, .cost = 0.125});
   });
@@ -84,6 +88,17 @@ TEST(Threads, EveryCallOfAPassGetsItsTurnAndUnboundedOnesRunAlone) {
             "{'calls': 64, 'cache_hits': 0, 'input_tokens': 640, 'cost_usd': 8.0, "
             "'max_calls': 64, 'max_tokens': 1000}");
   EXPECT_EQ(budget.in_flight + budget.held_tokens_.holders, 0);
+}
+
+TEST(Threads, ASnapshotWaitsForTheLock) {
+  using namespace std::chrono_literals;
+  RunBudget budget{.max_calls = 2, .max_tokens = 100};
+  std::unique_lock changing(budget.changed_);
+  auto reading = std::async(std::launch::async, [&] { return snapshot(budget); });
+  EXPECT_EQ(reading.wait_for(20ms), std::future_status::timeout);
+  budget.calls = 1;
+  changing.unlock();
+  EXPECT_EQ(reading.get().calls, 1);
 }
 
 TEST(Threads, ASleepingCallSeesAStopThatNothingSignals) {

@@ -1,17 +1,14 @@
-#include "decision_bounds/native.hpp"
+#include "decision_bounds/native_host.hpp"
 
-#include <array>
 #include <string_view>
 
+#include "decision_bounds/native_errors.hpp"
 #include "decision_bounds/text.hpp"
 
 namespace decision_bounds {
 
 template struct Held<native::Native>;
 template struct Charges<native::Native>;
-template struct RequestRates<native::Native>;
-template struct RunBudget<native::Native>;
-template struct DailySpend<native::Native>;
 
 namespace native {
 
@@ -28,34 +25,12 @@ std::string fill_amounts(const char* text, double cost, double cap) {
 
 }  // namespace
 
-std::string Summary::text() const {
-  const std::array<std::string, summary_keys.size()> values = {
-      std::to_string(calls),   std::to_string(cache_hits), std::to_string(input_tokens),
-      shortest_text(cost_usd), std::to_string(max_calls),  std::to_string(max_tokens)};
-  std::string text;
-  for (std::size_t entry = 0; entry < values.size(); ++entry) {
-    text += text.empty() ? "{'" : ", '";
-    text += summary_keys[entry];
-    text += "': " + values[entry];
-  }
-  return text + "}";
-}
-
-Summary Native::summary(const RunBudget& budget) {
-  return {.calls = budget.calls,
-          .cache_hits = budget.cache_hits,
-          .input_tokens = budget.input_tokens,
-          .cost_usd = rounded(budget.cost, cost_decimals),
-          .max_calls = budget.max_calls,
-          .max_tokens = budget.max_tokens};
-}
-
 void Native::wait(Condition& changed, const StopFunction& stopping, const Deadline& deadline,
                   const Clock& clock) const {
   decision_bounds::wait(changed, stopping, deadline, clock, *this);
 }
 
-StopFunction Native::stop_function(const RunBudget& budget) {
+StopFunction Native::stop_function(const RunBudget<Native>& budget) {
   return [&budget] { return budget.stopping(); };
 }
 
@@ -89,6 +64,10 @@ void Native::warn_of_error(const char* text, const std::string& day,
   if (log != nullptr) {
     log->warning(fill_in(text, "%s", day) + ": " + error.what());
   }
+}
+
+Holdings HeldRecord::holdings() const {
+  return {static_cast<std::int64_t>(holders), amount, static_cast<std::int64_t>(unbounded)};
 }
 
 }  // namespace native
