@@ -25,7 +25,7 @@ file(GLOB module_sources CONFIGURE_DEPENDS engines/python_host/*.cpp)
 add_library(decision_bounds_module MODULE ${module_sources})
 target_include_directories(decision_bounds_module PRIVATE engines "${PROJECT_BINARY_DIR}/surface")
 target_include_directories(decision_bounds_module SYSTEM PRIVATE "${python_headers}")
-target_link_libraries(decision_bounds_module PRIVATE Threads::Threads project_warnings)
+target_link_libraries(decision_bounds_module PRIVATE Threads::Threads decision_bounds_warnings)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     # An operation is compiled into one piece: by itself, g++ stops inlining where so small a library
     # has grown by two fifths. Saves a seventh of a reserve+charge pair and of hold+settle.

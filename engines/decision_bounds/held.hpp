@@ -62,7 +62,7 @@ struct Held {
       amount = larger(0.0, amount - share);
     }
     if (!H::truth(holders)) {
-      // The last one out takes along what the subtractions of rounded numbers have left.
+      // With no holder the sum is 0; what else is left is the rounding of the subtractions.
       amount = Amount(0.0);
     }
   }

@@ -5,7 +5,8 @@
 /// Each bound is written once, over a host: plain C++ (native.hpp) or an interpreter, whose
 /// numbers, locks and callbacks are objects of its own. A host is passed to the operations that
 /// need it and is never global. Count and Amount have the operators + - * / < > >= and the like;
-/// where a bound turns a count into an amount, it says so with `H::amount`.
+/// where a bound turns a count into an amount, it says so with `H::amount`. A tally compares counts
+/// as well as amounts.
 
 #include <concepts>
 
@@ -49,6 +50,7 @@ concept HostRecords = requires(typename H::HeldRecord& held, typename H::Charges
                                typename H::Features& features, typename H::Amount amount,
                                typename H::Count size, typename H::Text feature) {
   { held.admits(amount, amount, amount) } -> std::same_as<bool>;
+  { held.admits(amount, size, size) } -> std::same_as<bool>;
   held.take_or_nothing(amount);
   held.give_back(amount);
   { charges.bound(size) } -> std::convertible_to<typename H::Amount>;

@@ -45,13 +45,6 @@ class StopFunction {
   std::function<bool()> function_;
 };
 
-/// A count where an amount is asked for. The admission of tokens compares it unrounded.
-struct CountedAmount {
-  Count count;
-
-  operator double() const { return static_cast<double>(count); }
-};
-
 /// The host. A default one logs nothing. A log must outlive the shares that were made with it. What
 /// is cold is kept out of the way of a call that is admitted.
 struct Native {
@@ -79,7 +72,7 @@ struct Native {
   Log* log = nullptr;
 
   static double amount(double value) { return value; }
-  static CountedAmount amount(Count count) { return {count}; }
+  static double amount(Count count) { return static_cast<double>(count); }
   static double to_amount(double value) { return value; }
   static bool truth(Count count) { return count != 0; }
   static bool truth(Flag flag) { return flag; }
@@ -143,8 +136,8 @@ struct Native {
 /// `double` would round them from 2 to the 53rd on.
 struct HeldRecord : Held<Native> {
   using Held::admits;
-  bool admits(double share, CountedAmount used, CountedAmount limit) const {
-    return admits(share, 0.0, least_double_from(limit.count - used.count));
+  bool admits(double share, Count used, Count limit) const {
+    return admits(share, 0.0, least_double_from(limit - used));
   }
   Holdings holdings() const;
 };

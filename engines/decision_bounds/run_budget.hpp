@@ -64,7 +64,7 @@ struct RunBudget {
         if (exhausted_locked()) {
           host.refuse(Refusal::budget_exceeded, messages::budget_exhausted, summary_locked(host));
         }
-        if (held_tokens_.admits(tokens, H::amount(input_tokens), H::amount(max_tokens))) {
+        if (held_tokens_.admits(tokens, input_tokens, max_tokens)) {
           return take_locked(tokens);
         }
         host.wait(changed_, host.stop_function(*this));

@@ -64,7 +64,7 @@ TEST(Count, APassComparesItsTokensUnrounded) {
   for (const auto& [used, limit, held, admits] : cases) {
     HeldRecord tally;
     tally.take(held);
-    EXPECT_EQ(tally.admits(1.0, Native::amount(Count(used)), Native::amount(Count(limit))), admits)
+    EXPECT_EQ(tally.admits(1.0, Count(used), Count(limit)), admits)
         << used << " " << limit << " " << held;
   }
 }
