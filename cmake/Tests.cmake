@@ -1,5 +1,7 @@
 # The tests: `core` needs no interpreter; `module`, `example`, `readme` and `plain` run under the one
 # that the module is built for.
+# The tests: `core` needs no interpreter; `module`, `example`, `walks` and `plain` run under the one that
+# the module is built for.
 
 if(DECISION_BOUNDS_GTEST_SOURCE)
     set(INSTALL_GTEST OFF)
@@ -69,6 +71,7 @@ endif()
 add_python_test(module module "${PROJECT_BINARY_DIR}")
 add_python_test(example example "${PROJECT_BINARY_DIR}" "${PROJECT_SOURCE_DIR}")
 add_python_test(readme readme "${PROJECT_BINARY_DIR}" "${PROJECT_SOURCE_DIR}")
+add_python_test(walks walks "${PROJECT_BINARY_DIR}")
 if(NOT DECISION_BOUNDS_SANITIZERS)
     # The same tests on the twin in plain Python: an expectation that both share is no accident of either.
     add_python_test(plain module "${PROJECT_SOURCE_DIR}/bench/plain")
