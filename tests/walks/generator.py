@@ -67,6 +67,9 @@ USUAL = {"RunBudget": ("hold", "reserve", "charge", "release"), "DailySpend": ("
 # A lock that is none, a tally that is none, and an amount that can be compared but not written with
 # decimals fail as well, but with other words or a step later.
 NEVER_ODD = ("_changed", "_lock", "_charges", "_cap", "_cost")
+# A sum to which a reply's property is added: that it is missing is seen before the reply is read, or
+# after.
+NEVER_DELETED = ("_cost", "cost", "input_tokens")
 
 # What the callbacks answer, by the parameters and the fields that they are handed in as.
 ANSWERS: dict[str, tuple[Any, ...]] = {
@@ -234,7 +237,7 @@ class Generator:
         owner = Name(self._random.choice(self._made[kind]))
         field = self._random.choice((*FIELDS[kind], NOTE))
         function = self._random.choice(("getattr", "setattr", "setattr", "delattr"))
-        if function == "delattr" and not self._is_odd():
+        if function == "delattr" and (field in NEVER_DELETED or not self._is_odd()):
             function = "getattr"
         if function != "setattr":
             return Step(function, (owner, field))
@@ -265,7 +268,7 @@ class Generator:
     def _rebinding(self) -> Step:
         if not self._is_odd():
             return self._operation_of_any_kind()
-        name = self._random.choice(("_POLL_S", "_wait", "Share", "_Held", "_Charges", "logger"))
+        name = self._random.choice(("_POLL_S", "_wait", "Share", "_Held", "logger"))
         if self._one_in(4):
             return Step("delattr", (Name("bounds"), name))
         value = self._argument("_POLL_S") if name == "_POLL_S" else self._callback(name)
