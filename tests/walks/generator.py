@@ -67,9 +67,8 @@ USUAL = {"RunBudget": ("hold", "reserve", "charge", "release"), "DailySpend": ("
 # A lock that is none, a tally that is none, and an amount that can be compared but not written with
 # decimals fail as well, but with other words or a step later.
 NEVER_ODD = ("_changed", "_lock", "_charges", "_cap", "_cost")
-# A sum to which a reply's property is added: that it is missing is seen before the reply is read, or
-# after.
-NEVER_DELETED = ("_cost", "cost", "input_tokens")
+# That one of these is missing is seen before a reply or another of them is read, or after.
+NEVER_DELETED = ("_cost", "cost", "input_tokens", "calls", "cache_hits", "max_calls", "max_tokens")
 
 # What the callbacks answer, by the parameters and the fields that they are handed in as.
 ANSWERS: dict[str, tuple[Any, ...]] = {
