@@ -1,0 +1,344 @@
+// Random walks of the bounds in plain C++, each step beside a model that keeps only what the rules
+// speak of: the calls in flight, and what those that ended used.
+
+#include <algorithm>
+#include <cstdint>
+#include <iterator>
+#include <list>
+#include <optional>
+#include <random>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "scripted_host.hpp"
+
+namespace decision_bounds {
+
+using native::HeldShare;
+using native::PaidReply;
+
+constexpr int walks = 2000;
+constexpr int steps = 60;
+
+/// Random choices; the same for the same seed with every compiler.
+class Dice {
+ public:
+  explicit Dice(unsigned seed) : engine_(seed) {}
+
+  int below(int count) { return static_cast<int>(engine_() % static_cast<unsigned>(count)); }
+  bool one_in(int count) { return below(count) == 0; }
+
+  /// A multiple of 1/8 up to 4, so that every sum is exact.
+  double amount() { return below(33) / 8.0; }
+  double share() { return one_in(5) ? unknown : amount(); }
+  PaidReply reply() { return {.cached = one_in(6), .input_tokens = below(5), .cost = amount()}; }
+
+ private:
+  std::mt19937 engine_;
+};
+
+/// What the calls in flight hold of one bound: the model of a tally.
+struct InFlight {
+  std::vector<double> shares;
+
+  double amount() const {
+    double sum = 0.0;
+    for (const double share : shares) {
+      sum += share == unknown ? 0.0 : share;
+    }
+    return sum;
+  }
+  bool someone_is_alone() const { return std::count(shares.begin(), shares.end(), unknown) > 0; }
+  bool has_room(double share, double used, double limit) const {
+    return !someone_is_alone() && (share != unknown || shares.empty()) && used + amount() < limit;
+  }
+  void end(double share) { shares.erase(std::find(shares.begin(), shares.end(), share)); }
+  bool is_held_as(const Held<native::Native>& held) const {
+    return held.holders == static_cast<std::int64_t>(shares.size()) && held.amount == amount() &&
+           (held.unbounded != 0) == someone_is_alone();
+  }
+};
+
+enum class Answer { admitted, refused, stopped, late };
+
+/// How a call for admission ends.
+Answer answer_of(const auto& call) {
+  try {
+    call();
+    return Answer::admitted;
+  } catch (const DecisionBudgetExceeded&) {
+    return Answer::refused;
+  } catch (const DecisionStopped&) {
+    return Answer::stopped;
+  } catch (const DecisionTimeout&) {
+    return Answer::late;
+  }
+}
+
+/// What both walks have: the calls that were admitted, and what is done while one sleeps.
+struct Walk : ::testing::Test {
+  struct Admitted {
+    HeldShare share;
+    double amount;
+    bool ended = false;
+  };
+
+  virtual void count(const PaidReply& reply, double amount) = 0;
+
+  /// Ends a call that was admitted, or one that has ended before.
+  void end_one() {
+    if (calls.empty()) {
+      return;
+    }
+    Admitted& call = *std::next(calls.begin(), dice.below(static_cast<int>(calls.size())));
+    const bool first = !std::exchange(call.ended, true);
+    if (dice.one_in(3)) {
+      call.share.release();
+      if (first) {
+        in_flight.end(call.amount);
+      }
+      return;
+    }
+    const PaidReply reply = dice.reply();
+    call.share.settle(reply);
+    if (first) {
+      count(reply, call.amount);
+    }
+  }
+  void admitted(HeldShare share, double amount) {
+    in_flight.shares.push_back(amount);
+    calls.push_back({std::move(share), amount});
+  }
+
+  Dice dice{2024};
+  std::list<Admitted> calls;
+  InFlight in_flight;
+  bool stop = false;
+  std::optional<Answer> expected;  ///< None: the call sleeps.
+};
+
+struct PassWalk : Walk {
+  void count(const PaidReply& reply, double amount) override {
+    if (reply.cached) {
+      ++hits;
+      budget->release(amount);  // A cached reply gives nothing back.
+    } else {
+      ++settled;
+      tokens += reply.input_tokens;
+      cost += reply.cost;
+    }
+    in_flight.end(amount);
+  }
+  /// What the rules say of a call that is not asleep.
+  std::optional<Answer> decide(double share) const {
+    if (settled + static_cast<int>(in_flight.shares.size()) >= max_calls || tokens >= max_tokens) {
+      return Answer::refused;
+    }
+    if (in_flight.has_room(share, static_cast<double>(tokens), max_tokens)) {
+      return Answer::admitted;
+    }
+    return stop ? std::optional(Answer::stopped) : std::nullopt;
+  }
+  void hold() {
+    const double share = dice.share();
+    expected = stop ? Answer::stopped : decide(share);
+    budget->changed_.sleeps.clear();
+    budget->changed_.asleep = [&] {
+      EXPECT_EQ(expected, std::nullopt);
+      end_one();
+      stop = stop || dice.one_in(8);
+      expected = decide(share);
+    };
+    EXPECT_EQ(answer_of([&] { admitted(budget->hold(share), share); }), expected);
+  }
+  void compare() {
+    const auto summary = budget->summary();
+    EXPECT_EQ(summary.calls, settled);
+    EXPECT_EQ(summary.cache_hits, hits);
+    EXPECT_EQ(summary.input_tokens, tokens);
+    EXPECT_EQ(budget->cost, cost);
+    EXPECT_EQ(budget->in_flight, static_cast<std::int64_t>(in_flight.shares.size()));
+    EXPECT_TRUE(in_flight.is_held_as(budget->held_tokens_));
+    EXPECT_EQ(budget->changed_.levels, 0);
+  }
+
+  std::optional<RunBudget<Scripted>> budget;
+  int max_calls = 0;
+  int max_tokens = 0;
+  int settled = 0;
+  int hits = 0;
+  std::int64_t tokens = 0;
+  double cost = 0.0;
+};
+
+TEST_F(PassWalk, IsAsTheModelSays) {
+  for (int walk = 0; walk < walks && !HasFailure(); ++walk) {
+    max_calls = dice.below(20);
+    max_tokens = dice.below(40);
+    budget.emplace(RunBudget<Scripted>{
+        .max_calls = max_calls, .max_tokens = max_tokens, .should_stop = [&] { return stop; }});
+    settled = hits = 0;
+    tokens = 0;
+    cost = 0.0;
+    stop = false;
+    in_flight.shares.clear();
+    for (int step = 0; step < steps && !HasFailure(); ++step) {
+      dice.one_in(2) ? hold() : end_one();
+      stop = stop && !dice.one_in(3);
+      compare();
+    }
+    calls.clear();
+    EXPECT_TRUE(is_idle(budget->changed_, budget->held_tokens_)) << "walk " << walk;
+  }
+}
+
+struct DayWalk : Walk, native::Log {
+  DayWalk() { host.log = this; }
+  void warning(const std::string&) override { ++warnings; }
+
+  /// The model of a date that changes: what the ledger has, in every second month.
+  void roll() {
+    if (date != counted_date) {
+      counted_date = date;
+      used = is_readable(date) ? ledger_usd : 0.0;
+      is_warned = false;
+      warnings_expected += is_readable(date) ? 0 : 1;
+    }
+  }
+  static bool is_readable(const std::string& date) { return date.back() % 2 == 0; }
+  static double read_ledger(const std::string& date) {
+    return is_readable(date) ? ledger_usd : throw std::runtime_error("it cannot be read");
+  }
+  void count(const PaidReply& reply, double amount) override {
+    roll();
+    used += reply.cost;
+    in_flight.end(amount);
+  }
+  double bound() {
+    EXPECT_EQ(expected, std::nullopt) << "not asked where the cap is reached";
+    share = dice.share();
+    if (in_flight.has_room(share, used, cap)) {
+      expected = Answer::admitted;
+    } else if (stop) {
+      expected = Answer::stopped;
+    } else if (deadline && now >= *deadline) {
+      expected = Answer::late;
+    }
+    return share;
+  }
+  void test_cap() {
+    roll();
+    expected = used < cap ? std::nullopt : std::optional(Answer::refused);
+  }
+  void admit() {
+    deadline.reset();
+    if (dice.one_in(2)) {
+      deadline = now + dice.amount();
+    }
+    account->changed_.sleeps.clear();
+    account->changed_.asleep = [&] {
+      EXPECT_EQ(expected, std::nullopt);
+      end_one();
+      now += 0.125;
+      stop = stop || dice.one_in(8);
+      move_date();
+      test_cap();
+    };
+    test_cap();
+    const Answer answer = answer_of([&] {
+      HeldShare held = account->admit([&] { return bound(); }, deadline, [&] { return now; },
+                                      [&] { return stop; }, host);
+      admitted(std::move(held), share);
+    });
+    EXPECT_EQ(answer, expected);
+    if (answer == Answer::refused && !std::exchange(is_warned, true)) {
+      ++warnings_expected;
+    }
+  }
+  void move_date() {
+    if (dice.one_in(10)) {
+      date.back() = static_cast<char>('0' + dice.below(10));
+    }
+  }
+  void compare() {
+    roll();
+    EXPECT_EQ(account->spent(host), used);
+    EXPECT_TRUE(in_flight.is_held_as(account->held_));
+    EXPECT_EQ(account->changed_.levels, 0);
+    EXPECT_EQ(warnings, warnings_expected);
+  }
+
+  static constexpr double ledger_usd = 1.5;
+  Scripted host;
+  std::optional<DailySpend<Scripted>> account;
+  double cap = 0.0;
+  double used = 0.0;
+  double share = 0.0;  ///< What the call that is asking was last told that it may cost.
+  double now = 0.0;
+  std::optional<double> deadline;
+  std::string date = "2024-03-01";
+  std::string counted_date;
+  bool is_warned = false;
+  int warnings = 0;
+  int warnings_expected = 0;
+};
+
+TEST_F(DayWalk, IsAsTheModelSays) {
+  for (int walk = 0; walk < walks && !HasFailure(); ++walk) {
+    cap = dice.amount() * 4;
+    account.emplace(
+        DailySpend<Scripted>{.cap = cap, .today = [&] { return date; }, .ledger = read_ledger});
+    counted_date.clear();
+    in_flight.shares.clear();
+    for (int step = 0; step < steps && !HasFailure(); ++step) {
+      move_date();
+      if (dice.one_in(2)) {
+        admit();
+      } else if (dice.one_in(8)) {
+        roll();
+        const PaidReply reply = dice.reply();
+        used += reply.cost;
+        account->charge(reply, host);
+      } else {
+        end_one();
+      }
+      stop = stop && !dice.one_in(3);
+      compare();
+    }
+    calls.clear();
+    EXPECT_TRUE(is_idle(account->changed_, account->held_)) << "walk " << walk;
+  }
+}
+
+TEST(RatesWalk, IsAsTheModelSays) {
+  Dice dice(2024);
+  for (int walk = 0; walk < walks && !::testing::Test::HasFailure(); ++walk) {
+    native::RequestRates rates;
+    std::set<std::string> known;
+    std::vector<std::pair<int, PaidReply>> learned;
+    for (int step = 0; step < steps; ++step) {
+      const int size = dice.below(6) - 1;
+      const std::string feature(1, static_cast<char>('a' + dice.below(3)));
+      if (dice.one_in(4)) {
+        learned.emplace_back(size, dice.reply());
+        known.insert(feature);
+        rates.learn(size, feature, learned.back().second);
+      }
+      double cost = 0.0;
+      double tokens = 0.0;
+      for (const auto& [learned_size, reply] : learned) {
+        const double bytes = std::max(learned_size, 1);
+        const auto used = static_cast<double>(reply.input_tokens);
+        cost = std::max({cost, reply.cost, reply.cost / bytes * size});
+        tokens = std::max({tokens, used, used / bytes * size});
+      }
+      EXPECT_EQ(rates.cost(size, feature), known.count(feature) > 0 ? cost : unknown);
+      EXPECT_EQ(rates.tokens(size), learned.empty() ? unknown : tokens);
+    }
+  }
+}
+
+}  // namespace decision_bounds
