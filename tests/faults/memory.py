@@ -1,0 +1,185 @@
+"""Runs operations again and again, each time without memory at one more point.
+
+    PYTHONPATH=build/release python -m tests.faults.memory own|foreign|subclass one|all
+
+One allocation fails, or all from there on. The exit status is 1 where at a point the call raises
+anything but ``MemoryError``, or leaves its lock taken or something held that no share gives back.
+"""
+
+from __future__ import annotations
+
+import argparse
+import logging
+import sys
+import threading
+from collections.abc import Callable
+from typing import Any
+
+import _testcapi
+
+from tests.module.support import Reply, account, bounds
+
+QUIET_POINTS = 10  # So many in a row at which nothing fails lie behind the operation's end.
+# What the interpreter's own locks say instead, also to plain Python: a condition's lock that cannot
+# be taken back after a wait is not held when its block ends.
+LOCKS_SAY = ("can't allocate lock", "cannot release un-acquired lock")
+# An error that nothing can be allocated for ends the interpreter where it is handled, in plain
+# Python too.
+NEVER_WITHOUT_ALL = ("start a day",)
+PAID = Reply(False, 5, 0.5)
+
+
+class Foreign:
+    """A condition of the caller's own."""
+
+    def __init__(self) -> None:
+        self._lock = threading.RLock()
+
+    def __enter__(self) -> None:
+        self._lock.acquire()
+
+    def __exit__(self, *error: object) -> None:
+        self._lock.release()
+
+    def wait(self, _timeout: float) -> None:
+        """Nobody wakes."""
+
+    def notify_all(self) -> None:
+        """Nobody waits."""
+
+
+class Subclass(threading.Condition):
+    """A condition that is not exactly the host's own."""
+
+
+CONDITIONS: dict[str, Any] = {
+    "own": threading.Condition,
+    "foreign": Foreign,
+    "subclass": Subclass,
+}
+
+
+class Trial:
+    """Bounds and shares, new for each point."""
+
+    def __init__(self, condition: Any) -> None:
+        self.changed = condition
+        self.budget = bounds.RunBudget(9, 99, _changed=condition)
+        self.spend = account()
+        self.spend._changed = condition
+        self.rates = bounds.RequestRates()
+        self.tokens = self.budget.hold(2.5)
+        self.usd = self.admit()
+        self.full = bounds.RunBudget(0, 9, _changed=condition)
+        answers = iter([False, False, False, True])
+        self.stopped = bounds.RunBudget(
+            9, 9, should_stop=answers.__next__, _held_tokens=bounds._Held(1, 9), _changed=condition
+        )
+        self.failing = bounds.RunBudget(9, 9, should_stop=lambda: 1 / 0, _changed=condition)
+        self.unread = account(ledger=lambda day: 1 / 0)
+        self.unread._changed = condition
+
+    def admit(self) -> Any:
+        waits: Any = {"deadline": None, "clock": None, "stopping": bounds.never}
+        return self.spend.admit(float, **waits)
+
+    @staticmethod
+    def fails(error: type[Exception], hold: Callable[[float], Any]) -> None:
+        """Hold a share that is not to be had."""
+        try:
+            hold(2.5)
+        except error:
+            pass
+
+    def fault(self, made: Any) -> str:
+        """What is wrong after the operation, which may have ``made`` a share; or nothing."""
+        if self.changed._lock._is_owned() or self.rates._lock.locked():
+            return "the lock is taken"
+        shares = [self.tokens, self.usd]
+        if isinstance(made, bounds.Share):
+            shares.append(made)
+        elif made is not None:
+            self.budget.release()
+        for share in shares:
+            share.settle(None)
+        held = self.budget.in_flight, self.budget._held_tokens, self.spend._held
+        idle = (0, bounds._Held(), bounds._Held())
+        return "" if held == idle else f"{held} is held, and nobody has a share of it"
+
+
+OPERATIONS: dict[str, Callable[[Trial], Any]] = {
+    "reserve": lambda trial: trial.budget.reserve() is None,
+    "hold": lambda trial: trial.budget.hold(2.5),
+    "hold by keyword": lambda trial: trial.budget.hold(tokens=2.5),
+    "admit": Trial.admit,
+    "settle paid": lambda trial: trial.tokens.settle(PAID),
+    "settle unpaid": lambda trial: trial.tokens.settle(None),
+    "settle by keyword": lambda trial: trial.tokens.settle(reply=PAID),
+    "settle a day": lambda trial: trial.usd.settle(PAID),
+    "leave": lambda trial: trial.usd.__exit__(None, None, None),
+    "charge a day": lambda trial: trial.spend.charge(PAID),
+    "spent": lambda trial: trial.spend.spent() and None,
+    "summary": lambda trial: trial.budget.summary() and None,
+    "exhausted": lambda trial: trial.budget.exhausted() and None,
+    "learn": lambda trial: trial.rates.learn(5, "kind", PAID),
+    "cost": lambda trial: trial.rates.cost(5, "kind") and None,
+    "make a budget": lambda trial: bounds.RunBudget(9, 99) and None,
+    "make an account": lambda trial: bounds.DailySpend(1.0, str, None) and None,
+    "text": lambda trial: repr(trial.budget) and None,
+    "be refused": lambda trial: trial.fails(bounds.DecisionBudgetExceeded, trial.full.hold),
+    "wait": lambda trial: trial.fails(bounds.DecisionStopped, trial.stopped.hold),
+    "fail": lambda trial: trial.fails(ZeroDivisionError, trial.failing.hold),
+    "start a day": lambda trial: trial.unread.spent() and None,
+}
+
+
+def point(trial: Trial, operation: Callable[[Trial], Any], number: int, on: bool) -> str | None:
+    """Run the operation without memory at a point. Returns what is wrong; none if it was not reached."""
+    made = None
+    error: BaseException | None = None
+    give_memory = _testcapi.remove_mem_hooks
+    _testcapi.set_nomemory(number, 0 if on else number + 1)
+    try:
+        made = operation(trial)
+    except BaseException as raised:
+        give_memory()
+        error = raised
+    give_memory()
+    if error is not None and not isinstance(error, MemoryError) and str(error) not in LOCKS_SAY:
+        return f"raises {error!r}"
+    return trial.fault(made) or ("" if error else None)
+
+
+def try_points(condition: Any, name: str, on: bool) -> bool:
+    """Try all points of an operation, and print how many there were and which of them went wrong."""
+    operation = OPERATIONS[name]
+    print(f"{name}:", end=" ", flush=True)
+    operation(Trial(condition()))  # What is made once is made now.
+    number, quiet, faults = 0, 0, []
+    while quiet < QUIET_POINTS:
+        wrong = point(Trial(condition()), operation, number, on)
+        quiet = quiet + 1 if wrong is None else 0
+        if wrong:
+            faults.append(f"  at point {number}: {wrong}")
+        number += 1
+    print(f"{number - quiet} points", *faults, sep="\n")
+    return not faults
+
+
+def main() -> int:
+    """Try the points of the operations that are asked for, or of all but loading."""
+    parser = argparse.ArgumentParser(prog="python -m tests.faults.memory", description=__doc__)
+    parser.add_argument("condition", choices=CONDITIONS)
+    parser.add_argument("memory", choices=("one", "all"), help="the allocations that fail")
+    parser.add_argument("operations", nargs="*", default=list(OPERATIONS))
+    options = parser.parse_args()
+    bounds._POLL_S = 1e-6
+    bounds.logger.setLevel(logging.CRITICAL)
+    on = options.memory == "all"
+    names = [name for name in options.operations if not (on and name in NEVER_WITHOUT_ALL)]
+    condition = CONDITIONS[options.condition]
+    return 0 if all([try_points(condition, name, on) for name in names]) else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
