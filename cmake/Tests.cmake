@@ -2,6 +2,8 @@
 # that the module is built for.
 # The tests: `core` needs no interpreter; `module`, `example`, `walks` and `plain` run under the one that
 # the module is built for.
+# The tests: `core` needs no interpreter; `module`, `example`, `walks`, `faults` and `plain` run under the
+# one that the module is built for.
 
 if(DECISION_BOUNDS_GTEST_SOURCE)
     set(INSTALL_GTEST OFF)
@@ -72,6 +74,7 @@ add_python_test(module module "${PROJECT_BINARY_DIR}")
 add_python_test(example example "${PROJECT_BINARY_DIR}" "${PROJECT_SOURCE_DIR}")
 add_python_test(readme readme "${PROJECT_BINARY_DIR}" "${PROJECT_SOURCE_DIR}")
 add_python_test(walks walks "${PROJECT_BINARY_DIR}")
+add_python_test(faults faults "${PROJECT_BINARY_DIR}")
 if(NOT DECISION_BOUNDS_SANITIZERS)
     # The same tests on the twin in plain Python: an expectation that both share is no accident of either.
     add_python_test(plain module "${PROJECT_SOURCE_DIR}/bench/plain")

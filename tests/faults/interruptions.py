@@ -81,7 +81,7 @@ class Calls:
                 raise
         self._is_struck = False
 
-    def strike(self, how: Callable[[], None]) -> None:
+    def strike(self, how: Callable[[], object]) -> None:
         """Strike once, if the calls are being made."""
         with self._guard:
             if self._can_be_struck:
@@ -113,7 +113,7 @@ def strike_threads(seconds: float, both: list[Calls]) -> None:
         time.sleep(PERIOD_S)
         for thread, calls in zip(threads, both):
             target = ctypes.c_ulong(thread.ident or 0), ctypes.py_object(Strike)
-            calls.strike(lambda: ctypes.pythonapi.PyThreadState_SetAsyncExc(*target))
+            calls.strike(partial(ctypes.pythonapi.PyThreadState_SetAsyncExc, *target))
 
 
 def strike_main(seconds: float, both: list[Calls]) -> None:
