@@ -24,7 +24,7 @@ THREADS = 16
 # Paid replies use no tokens, so that the room in the pass stays as small as it is, and calls wait.
 PAID, CACHED = Reply(False, 0, 0.25), Reply(True)
 TOKENS = 8.0
-PAID_CALLS = 0.45  # Of all; some more would be paid if they were not refused.
+PAID_CALLS = 0.35  # Of all; some more would be paid if they were not refused.
 MOST_BLOCKS_MORE = (
     1000  # That the interpreter may have allocated after the second half of the calls.
 )
