@@ -25,9 +25,9 @@ THREADS = 16
 PAID, CACHED = Reply(False, 0, 0.25), Reply(True)
 TOKENS = 8.0
 PAID_CALLS = 0.35  # Of all; some more would be paid if they were not refused.
-MOST_BLOCKS_MORE = (
-    1000  # That the interpreter may have allocated after the second half of the calls.
-)
+# What the second half of the calls may leave allocated, and by what it may raise the most memory.
+MOST_BLOCKS_MORE = 1000
+MOST_MORE_KB = 8192
 
 
 class Boom(Exception):
