@@ -40,24 +40,26 @@ class Calls:
     def __init__(self, budget: Any, spend: Any) -> None:
         waits: Any = {"deadline": None, "clock": None, "stopping": lambda: False}
         admit = partial(spend.admit, **waits)
-        self._courses = [
-            *((budget.hold, amounts) for amounts in ((1.0, 2.0, 9.0), (math.inf,))),
-            *(
-                (admit, bounds)
-                for bounds in ((float, lambda: 2.0, lambda: 9.0), (lambda: math.inf,))
-            ),
+        self._courses: list[tuple[Any, tuple[Any, ...]]] = [
+            (budget.hold, (1.0, 2.0, 9.0)),
+            (budget.hold, (math.inf,)),
+            (admit, (float, lambda: 2.0, lambda: 9.0)),
+            (admit, (lambda: math.inf,)),
         ]
         self._shares: list[Any] = []
         self._guard = threading.Lock()
         self._can_be_struck = False
         self._is_struck = False
+        self._is_settling = False
         self.strikes = 0
 
     def settle(self) -> None:
         """Settle all; a share is dropped only after that, so what a strike cuts short is repeated."""
+        self._is_settling = True
         for share in self._shares:
             share.settle(None)
         del self._shares[:]
+        self._is_settling = False
 
     def _call(self) -> None:
         for admit, arguments in self._courses:
@@ -90,8 +92,11 @@ class Calls:
                 how()
 
     def strike_from_handler(self, *_signal: object) -> None:
-        """Strike the thread that this runs in."""
-        if self._can_be_struck:
+        """Strike the thread that this runs in, unless it settles.
+
+        A signal that comes while a settle waits for the lock is a test of its own.
+        """
+        if self._can_be_struck and not self._is_settling:
             self._can_be_struck = False
             raise Strike
 

@@ -2,7 +2,36 @@
 
 from __future__ import annotations
 
-from tests.faults.support import LONG, ProcessTest
+from tests.faults.support import LONG, ProcessTest, known_fault
+
+# A signal comes while a settle waits for the lock that another thread has.
+SETTLE = """
+import signal, threading
+from engines import decision_bounds as bounds
+class Strike(BaseException):
+    pass
+def strike(*_):
+    raise Strike
+def keep_lock():
+    with budget._changed:
+        taken.set()
+        struck.wait()
+budget = bounds.RunBudget(9, 9)
+share = budget.hold(9.0)
+taken, struck = threading.Event(), threading.Event()
+keeping = threading.Thread(target=keep_lock)
+keeping.start()
+taken.wait()
+signal.signal(signal.SIGALRM, strike)
+signal.setitimer(signal.ITIMER_REAL, 0.1)
+threading.Timer(0.5, struck.set).start()
+try:
+    share.settle(None)
+except Strike:
+    struck.set()
+keeping.join()
+assert budget == bounds.RunBudget(9, 9), budget
+"""
 
 
 class InterruptionsTest(ProcessTest):
@@ -15,3 +44,7 @@ class InterruptionsTest(ProcessTest):
 
     def test_errors_raised_by_signal_handlers(self) -> None:
         self.strike("signal")
+
+    @known_fault
+    def test_a_signal_while_a_settle_waits_for_the_lock(self) -> None:
+        self.ends_well("-c", SETTLE)
