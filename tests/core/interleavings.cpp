@@ -156,7 +156,7 @@ void OrderedCondition::wait(double /*seconds*/) {
   const auto is_free = [this] { return levels == 0; };
   native::Native::on_failure(
       [&] {
-        scheduler->sleep([&] { return is_free() && asleep_.count(self) == 0; }, is_free);
+        scheduler->sleep([&] { return is_free() && !asleep_.contains(self); }, is_free);
         take_back();
       },
       take_back);

@@ -228,7 +228,7 @@ TEST(RatesWalk, IsAsTheModelSays) {
         cost = std::max({cost, reply.cost, reply.cost / bytes * size});
         tokens = std::max({tokens, used, used / bytes * size});
       }
-      EXPECT_EQ(rates.cost(size, feature), known.count(feature) > 0 ? cost : unknown);
+      EXPECT_EQ(rates.cost(size, feature), known.contains(feature) ? cost : unknown);
       EXPECT_EQ(rates.tokens(size), learned.empty() ? unknown : tokens);
     }
   }

@@ -4,32 +4,37 @@ from __future__ import annotations
 
 from tests.faults.support import LONG, ProcessTest, known_fault
 
-# A signal comes while a settle waits for the lock that another thread has.
+# A signal comes while a settle waits for the lock, which another thread has for half a second. One
+# that came before has left the share as it was.
 SETTLE = """
 import signal, threading
 from engines import decision_bounds as bounds
 class Strike(BaseException):
     pass
 def strike(*_):
-    raise Strike
+    if trying:
+        trying.clear()
+        raise Strike
 def keep_lock():
     with budget._changed:
         taken.set()
-        struck.wait()
+        threading.Event().wait(0.5)
 budget = bounds.RunBudget(9, 9)
 share = budget.hold(9.0)
-taken, struck = threading.Event(), threading.Event()
+trying, taken = [], threading.Event()
 keeping = threading.Thread(target=keep_lock)
 keeping.start()
 taken.wait()
 signal.signal(signal.SIGALRM, strike)
-signal.setitimer(signal.ITIMER_REAL, 0.1)
-threading.Timer(0.5, struck.set).start()
+signal.setitimer(signal.ITIMER_REAL, 0.1, 0.1)
 try:
+    trying.append(share)
     share.settle(None)
 except Strike:
-    struck.set()
+    pass
+signal.setitimer(signal.ITIMER_REAL, 0)
 keeping.join()
+share.settle(None)
 assert budget == bounds.RunBudget(9, 9), budget
 """
 
