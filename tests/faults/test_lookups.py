@@ -90,6 +90,10 @@ except (Boom, TypeError):
 """
 
 
+# The freed lock is as it was, by luck, where no sanitizer watches it.
+known_under_a_sanitizer = (
+    known_fault if os.environ.get("PYTHONMALLOC") == "malloc" else (lambda test: test)
+)
 own_to_the_interpreter = unittest.skipIf(
     sys.version_info >= (3, 12), "the interpreter's own look-ups of attributes fail in the same way"
 )
@@ -108,6 +112,7 @@ class LookupsTest(ProcessTest):
             with self.subTest(name):
                 self.survives(REPLACED.format(name=name))
 
+    @known_under_a_sanitizer
     @own_to_the_interpreter
     def test_a_condition_that_loses_its_lock(self) -> None:
         self.survives(DROPPED)
