@@ -25,7 +25,8 @@ QUIET_POINTS = 30  # So many in a row at which nothing fails lie behind the oper
 # of a condition could not be taken back after its wait, and where a failing function's traceback
 # cannot be made.
 INTERPRETER_SAYS = re.compile(
-    "can't allocate lock|cannot release un-acquired lock|.* without (setting an )?exception( set)?"
+    "can't allocate lock|cannot release un-acquired lock"
+    "|<function .* returned NULL without setting an exception"
 ).fullmatch
 # An error that nothing can be allocated for ends the interpreter where it is handled, in plain
 # Python too.
