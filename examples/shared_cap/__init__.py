@@ -1,0 +1,1 @@
+"""One daily cap for many processes, on one machine or on many."""
