@@ -61,6 +61,7 @@ class Journal:
 
     def close(self) -> None:
         """Unlock it: from now on it is abandoned."""
+        fcntl.flock(self._file, fcntl.LOCK_UN)  # The mapping keeps the file open.
         os.close(self._file)
 
     def remove(self) -> None:

@@ -72,9 +72,10 @@ class LeasedSpend:
         """Whether the store is to hear of this lease now."""
         now_s = time.monotonic()
         with self.spend._changed:
-            if self._written != nano_usd(self.spend._cost):
+            if self._written != nano_usd(self.spend._cost) or not self._is_heard_locked():
                 return True
-            if self._granted > self._written and (not self.held.holders or now_s >= self._renew_s):
+            needless = not self.held.holders or self.ended and self._granted > self._spent_locked()
+            if self._granted > self._written and (needless or now_s >= self._renew_s):
                 return True
             wanting = self._asked or self.held.holders > 0 and self._is_low_locked()
             return not self.ended and (wanting or now_s >= self._midnight_s)
@@ -82,10 +83,10 @@ class LeasedSpend:
     def report(self) -> Report:
         """What the store is to hear. What it gives back is not used any more from here on."""
         with self.spend._changed:
-            spent = nano_usd(self._spent_usd_locked())
-            # While the store is not heard, what is leased is kept.
+            spent = self._spent_locked()
+            # While the store does not answer, what is leased is kept.
             lull = not self.held.holders and self._reported == spent
-            idle = lull and not self._asked and self._answered == self._sequence
+            idle = lull and not self._asked and self._is_heard_locked()
             busy = not (idle or self.ended or time.monotonic() >= self._midnight_s)
             if not busy:
                 self.spend._cap = 0.0
@@ -106,7 +107,7 @@ class LeasedSpend:
             self._day_settled, self.reached = answer.day.settled, answer.reached(cap)
             self._renew_s, self._midnight_s = sent_s + term_s / 3, sent_s + answer.day_left_s
             self.ended = self.ended or answer.today != answer.lease.day
-            left = self._granted > nano_usd(self._spent_usd_locked())
+            left = self._granted > self._spent_locked()
             self.spend._cap = self._granted / 1e9 if left and not self.ended else 0.0
             self.short = not self.ended and self._is_low_locked()
             self._note_locked(0.0)
@@ -125,8 +126,9 @@ class LeasedSpend:
         Answers whether it does.
         """
         with self.spend._changed:
-            known = not self.held.holders and self._written == nano_usd(self.spend._cost)
-            if not known or not self.ended or self._granted > self._written:
+            known = self._is_heard_locked() and self._written == nano_usd(self.spend._cost)
+            holds = self.held.holders > 0 or self._granted > self._written
+            if holds or not known or not self.ended:
                 return False
             self.closed = True
             self._journal.remove()
@@ -152,9 +154,17 @@ class LeasedSpend:
         """What the settled calls cost and those in flight hold."""
         return self.held.amount + self.spend._cost
 
+    def _spent_locked(self) -> int:
+        """The same in nanodollars."""
+        return nano_usd(self._spent_usd_locked())
+
+    def _is_heard_locked(self) -> bool:
+        """Whether the last report was answered: else what the store grants is not known."""
+        return self._answered == self._sequence
+
     def _is_low_locked(self) -> bool:
         """Whether less than half of what calls want ahead is left."""
-        return self._granted - nano_usd(self._spent_usd_locked()) <= self._size // 2
+        return self._granted - self._spent_locked() <= self._size // 2
 
     def _note_locked(self, ahead_usd: float) -> None:
         spent_usd = self._spent_usd_locked()

@@ -211,9 +211,9 @@ class SharedSpend:
             self._failure = ""
         except Exception as error:  # Whatever it is, the calls depend on this thread.
             if not self._failure:
-                logger.warning(
-                    "The store of the daily cap fails: calls go on within the lease", exc_info=True
-                )
+                unforeseen = not isinstance(error, StoreUnreachable)
+                text = "The store of the daily cap fails, calls go on within what is leased: %s"
+                logger.warning(text, error, exc_info=unforeseen)
             self._failure = str(error) or type(error).__name__
         finally:
             self._sent_s = None
