@@ -89,17 +89,15 @@ def renewed(
     """The rows of a lease and of its day after ``report``.
 
     A lease is granted what it needs as far as the cap allows beside what all others count, never
-    less than it needs of what it was granted before, and nothing more once its day is over. What
-    was settled never shrinks.
+    less than it needs of what it was granted before, and nothing more once its day is over.
     """
     if report.sequence <= lease.sequence:
         return lease, day  # It was overtaken: the holder has long acted on a later answer.
-    settled = max(lease.settled, report.settled)
     room = cap - (day.counted - lease.counted) if lease.day == day_of(now_s) else 0
     after = replace(
         lease,
         granted=min(report.need, max(lease.granted, room)),
-        settled=settled,
+        settled=report.settled,
         sequence=report.sequence,
         expires_s=now_s + term_s,
     )
@@ -119,3 +117,8 @@ def needed(spent: int, granted: int, size: int, *, busy: bool) -> int:
     if not busy:
         return spent
     return spent + size if granted - spent <= size // 2 else granted
+
+
+def usable(granted: int, spent: int, *, over: bool) -> int:
+    """The cap of a holder's calls: what it is granted, or nothing where nothing of it is left."""
+    return granted if granted > spent and not over else 0

@@ -12,7 +12,7 @@ from pathlib import Path
 from engines.decision_bounds import DailySpend, _Held
 
 from .journal import Journal
-from .lease import Answer, Report, nano_usd, needed
+from .lease import Answer, Report, nano_usd, needed, usable
 
 _JOURNAL_STEPS = 16  # to a lease's size: how often the journal is written while calls are made
 
@@ -107,8 +107,8 @@ class LeasedSpend:
             self._day_settled, self.reached = answer.day.settled, answer.reached(cap)
             self._renew_s, self._midnight_s = sent_s + term_s / 3, sent_s + answer.day_left_s
             self.ended = self.ended or answer.today != answer.lease.day
-            left = self._granted > self._spent_locked()
-            self.spend._cap = self._granted / 1e9 if left and not self.ended else 0.0
+            spent = self._spent_locked()
+            self.spend._cap = usable(self._granted, spent, over=self.ended) / 1e9
             self.short = not self.ended and self._is_low_locked()
             self._note_locked(0.0)
             self.spend._changed.notify_all()

@@ -11,12 +11,12 @@ from functools import lru_cache
 from operator import add
 from typing import NamedTuple
 
-from ..lease import DAY_S, LAST, Day, Lease, Report, day_of, needed, renewed
+from ..lease import DAY_S, LAST, Day, Lease, Report, day_of, needed, renewed, usable
 
 DEAREST = 2  # what a call holds: it costs that, or less
 AHEAD = 1  # how far ahead the journal is written
 SIZE = 2  # what is leased ahead
-CALLS_AT_ONCE = 1
+CALLS_AT_ONCE = 1  # under one lease
 _DAYS = (day_of(0.0), day_of(DAY_S))
 _IN_TIME, _OVERDUE = 1.0, 0.0
 
@@ -146,7 +146,7 @@ class World(NamedTuple):
         if isinstance(lease.trip, Answered):
             granted, over = lease.trip
             ended = lease.ended or over
-            cap = granted if granted > lease.spent and not ended else 0
+            cap = usable(granted, lease.spent, over=ended)
             taken = lease._replace(granted=granted, cap=cap, ended=ended)
             yield taken._replace(trip=None, noted=lease.spent)
             yield lease._replace(trip=None, heard=False)
@@ -185,6 +185,9 @@ class World(NamedTuple):
         assert day.settled == settled + row.settled - before.settled
         beside = counted - (lease.row.counted if lease.row else 0)
         assert row.granted <= max(before.granted, self.cap - beside), "the cap has no room"
+        assert (
+            row.granted <= before.granted or row.day == self.today
+        ), "a day that is over is leased"
         return lease._replace(row=row)
 
 
@@ -246,8 +249,12 @@ def _check(process: Process) -> None:
         else:
             assert settled <= lease.settled, "more is settled than calls cost"
             assert lease.spent <= granted + DEAREST - 1, "a lease is passed by more than a call"
-        if lease.ended and lease.heard and not (lease.trip or lease.in_flight):
-            if lease.granted <= settled:
+        if lease.ended:
+            assert lease.cap == 0, "a lease that is over admits calls"
+        if lease.ended and not lease.in_flight:
+            need = needed(lease.spent, lease.granted, SIZE, busy=False)
+            assert need == lease.settled, "a lease that is over is not given back"
+            if lease.heard and not lease.trip and lease.granted <= settled:
                 assert granted <= settled == lease.settled, "a lease that is over holds something"
 
 
@@ -270,12 +277,16 @@ class Explorer:
         processes: int,
         cap: int,
         *,
+        late: bool = False,
         midnight: bool = False,
-        late: bool = True,
         begins: bool = False,
     ) -> None:
-        """``midnight`` may come; reports may arrive ``late``; a process ``begins`` a lease anew
-        when one has ended."""
+        """What may happen beside calls, settles, reports, losses, crashes and expiry.
+
+        ``late``: a report that was given up arrives after all. ``midnight``: the day ends.
+        ``begins``: a process whose lease has ended begins another; without it, what is explored are
+        the leases of one day at a time, which share nothing with those of the next.
+        """
         self._cap, self._midnight, self._late, self._begins = cap, midnight, late, begins
         # Processes are kept once each and known by their number.
         self._numbers: dict[Process, int] = {}
@@ -343,27 +354,3 @@ class Explorer:
             assert spent <= self._cap + calls * (
                 DEAREST - 1
             ), "the cap is passed by more than calls"
-
-
-if __name__ == "__main__":
-    import sys, time, gc
-
-    gc.disable()
-
-    for text in (
-        "2,3",
-        "3,1",
-        "3,1,late=False,midnight=True",
-        "2,2,midnight=True",
-        "1,1,midnight=True,begins=True",
-    ):
-        t = time.time()
-        e = eval(f"Explorer({text})")
-        print(
-            text,
-            e.states(),
-            len(e._processes),
-            len(e._after),
-            round(time.time() - t, 1),
-            flush=True,
-        )
