@@ -7,9 +7,12 @@ import os
 from collections.abc import Callable
 from pathlib import Path
 
-from bench import asyncio_pass, clients, growth, guards, in_order, load, native, surface
+from bench import asyncio_pass, clients, growth, guards, in_order, load, native, shared_cap, surface
 
-_SECTIONS = ("surface", "load", "native", "growth", "guards", "in_order", "asyncio_pass", "clients")
+_SECTIONS = (
+    *("surface", "load", "native", "growth", "guards"),
+    *("in_order", "asyncio_pass", "clients", "shared_cap"),
+)
 
 
 def main() -> None:
@@ -38,6 +41,7 @@ def main() -> None:
         "in_order": lambda: in_order.report(build, options.quick),
         "asyncio_pass": lambda: asyncio_pass.report(build, options.quick),
         "clients": lambda: clients.report(build, options.quick),
+        "shared_cap": lambda: shared_cap.report(build, options.quick),
     }
     for name, report in sections.items():
         if options.section in (None, name):

@@ -45,13 +45,13 @@ class LeasedSpend:
         self.held = self.spend._held
         self.noted_usd = 0.0
         self.reached = False  # the cap, as of the last answer
-        self.short = False  # of what calls want ahead, as of the last answer
+        self.short = False  # whether the last answer granted less than was needed
         self.ended = False
         self.closed = False
         self._journal = Journal.made(journals, self.name)
         self._size, self._asks = size, asks
         self._asked = False
-        self._granted = self._written = self._reported = self._day_settled = 0
+        self._granted = self._needed = self._written = self._reported = self._day_settled = 0
         self._sequence = self._answered = 0
         self._renew_s = self._midnight_s = math.inf
 
@@ -63,8 +63,8 @@ class LeasedSpend:
                 self.ask_locked()
 
     def ask_locked(self) -> None:
-        """Ask for more, unless that was done since the last report."""
-        if not self._asked:
+        """Ask for more, unless that was done already, or an answer is still to come."""
+        if not self._asked and self._is_heard_locked():
             self._asked = True
             self._asks()
 
@@ -93,8 +93,8 @@ class LeasedSpend:
             self._asked = False
             self._reported = spent
             self._sequence += 1
-            need = needed(spent, self._granted, self._size, busy=busy)
-            return Report(self.name, self._sequence, nano_usd(self.spend._cost), need)
+            self._needed = needed(spent, self._granted, self._size, busy=busy)
+            return Report(self.name, self._sequence, nano_usd(self.spend._cost), self._needed)
 
     def take(self, answer: Answer, *, cap: int, sent_s: float, term_s: float) -> None:
         """Take in the answer to the last report, which was sent at ``sent_s``; wakes the waiters.
@@ -109,8 +109,10 @@ class LeasedSpend:
             self.ended = self.ended or answer.today != answer.lease.day
             spent = self._spent_locked()
             self.spend._cap = usable(self._granted, spent, over=self.ended) / 1e9
-            self.short = not self.ended and self._is_low_locked()
+            self.short = not self.ended and self._granted < self._needed
             self._note_locked(0.0)
+            if self.held.holders and self._is_low_locked() and not (self.short or self.ended):
+                self.ask_locked()
             self.spend._changed.notify_all()
 
     def end(self) -> None:
