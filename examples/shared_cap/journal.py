@@ -40,13 +40,13 @@ class Journal:
 
     @classmethod
     def abandoned(cls, folder: Path, lease: str) -> Journal | None:
-        """The journal of a lease whose process has ended, or ``None``.
+        """The journal of a lease whose process has ended.
 
-        None where the process lives, or ran on another machine, or before this one started.
+        None where the process lives, ran on another machine, or ran before this one started.
         """
         try:
             return cls(folder / lease, 0)
-        except (FileNotFoundError, BlockingIOError):
+        except OSError:  # There is none, it is locked, or it belongs to another user.
             return None
 
     @property

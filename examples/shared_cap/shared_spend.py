@@ -55,7 +55,8 @@ class SharedSpend:
         self._size = nano_usd(cap_usd / 100 if lease_usd is None else lease_usd)
         self._term_s = term_s
         self._wake, self._closing = threading.Event(), threading.Event()
-        self._sent_s: float | None = None
+        self._close_s = 0.0
+        self._sent_s: float | None = None  # when the report was sent that is not answered yet
         self._failure = ""
         self._warned: LeasedSpend | None = None
         self._lease = self._new_lease()
@@ -80,7 +81,9 @@ class SharedSpend:
             lease = self._lease
             try:
                 share = lease.spend.admit(bound, deadline=deadline, clock=clock, stopping=stopping)
-            except DecisionBudgetExceeded:
+            except DecisionBudgetExceeded as refusal:
+                if refusal.__traceback__ and refusal.__traceback__.tb_next:
+                    raise  # It comes from ``bound``, which has a frame of its own.
                 self._wait_for_lease(lease, deadline, clock, stopping)
             except DecisionTimeout as timeout:
                 raise self._explained(timeout) from None
@@ -188,12 +191,20 @@ class SharedSpend:
 
     def _renew_due(self) -> None:
         """Renew each lease that is due, and drop those that are over."""
-        for lease in (*self._ending, self._lease):
-            if lease.due():
-                self._renew(lease)
-        if self._lease.ended and not self._closing.is_set():
-            over, self._lease = self._lease, self._new_lease()
-            self._end(over)
+        try:
+            for lease in dict.fromkeys((*self._ending, self._lease)):
+                if lease.due():
+                    self._renew(lease)
+            if self._lease.ended and not self._closing.is_set():
+                over, self._lease = self._lease, self._new_lease()
+                self._end(over)
+            self._failure = ""
+        except Exception as error:  # Whatever it is, the calls depend on this thread.
+            if not self._failure:
+                unforeseen = not isinstance(error, StoreUnreachable)
+                text = "The store of the daily cap fails, calls go on within what is leased: %s"
+                logger.warning(text, error, exc_info=unforeseen)
+            self._failure = str(error) or type(error).__name__
         self._ending = [lease for lease in self._ending if not lease.close()]
 
     def _end(self, lease: LeasedSpend) -> None:
@@ -202,21 +213,15 @@ class SharedSpend:
         lease.end()
 
     def _renew(self, lease: LeasedSpend) -> None:
+        """Tell the store of ``lease``, and conclude those that are overdue."""
         self._sent_s = sent_s = time.monotonic()
         try:
             answer = self._store.renew(lease.report(), cap=self._cap, term_s=self._term_s)
-            lease.take(answer, cap=self._cap, sent_s=sent_s, term_s=self._term_s)
-            for other in answer.overdue:
-                self._conclude(other)
-            self._failure = ""
-        except Exception as error:  # Whatever it is, the calls depend on this thread.
-            if not self._failure:
-                unforeseen = not isinstance(error, StoreUnreachable)
-                text = "The store of the daily cap fails, calls go on within what is leased: %s"
-                logger.warning(text, error, exc_info=unforeseen)
-            self._failure = str(error) or type(error).__name__
         finally:
             self._sent_s = None
+        lease.take(answer, cap=self._cap, sent_s=sent_s, term_s=self._term_s)
+        for other in answer.overdue:
+            self._conclude(other)
 
     def _conclude(self, lease: Lease) -> None:
         """Count what a lease whose process has ended may have spent, and give the rest back."""

@@ -17,7 +17,7 @@ from ..store import Store
 
 # The clock of the store is a real one that each test has set.
 _SHIFT = " + (SELECT offset_s FROM shift)"
-_BINARIES = Path("/usr/lib/postgresql/15/bin")
+_DEBIAN = Path("/usr/lib/postgresql")  # where the programs are, by version
 TIMEOUT_S = 1.0
 
 
@@ -103,7 +103,8 @@ class PostgresServer:
         shutil.rmtree(self._folder)
 
     def _run(self, program: str, *options: str) -> None:
-        command = [shutil.which(program, path=str(_BINARIES)) or program, *options]
+        versions = sorted(_DEBIAN.glob(f"*/bin/{program}"))
+        command = [str(versions[-1]) if versions else program, *options]
         user = self._user
         subprocess.run(
             [*command, f"--pgdata={self._folder / 'data'}"],

@@ -23,6 +23,7 @@ from engines.decision_bounds import (
 
 from ..lease import DAY_S, Day, day_of, nano_usd
 from ..shared_spend import SharedSpend
+from ..store import StoreUnreachable
 from .network import Network
 from .stores import PostgresServer, Reply, SqliteFile, opened
 
@@ -157,6 +158,17 @@ class Faults:
             finally:
                 store.close()
 
+        def stop(self, worker: Process) -> None:
+            """Stop it between two transactions: in one, it would keep a file to itself."""
+            while True:
+                worker.child.send_signal(signal.SIGSTOP)
+                try:
+                    self.day()
+                    return
+                except StoreUnreachable:
+                    worker.child.send_signal(signal.SIGCONT)
+                    time.sleep(0.05)
+
         def until(self, true: Callable[[], bool]) -> None:
             for _ in range(TRIES):
                 if true():
@@ -199,7 +211,7 @@ class Faults:
             worker = Process(self)
             worker.begin(calls=60, call_s=0.03)
             self.until(lambda: worker.billed()[0] > 40 * nano_usd(CALL_USD))
-            worker.child.send_signal(signal.SIGSTOP)
+            self.stop(worker)
             survivor = self.spend(cap_usd=1.0)
             paid = 0
             # Its lease counts in full: nobody can know what a process that is silent has spent.

@@ -1,0 +1,83 @@
+"""What a call meets at the shared cap of one process, beside what fails."""
+
+from __future__ import annotations
+
+import tempfile
+import threading
+import time
+import unittest
+from collections.abc import Callable
+from pathlib import Path
+
+from engines.decision_bounds import (
+    DecisionBudgetExceeded,
+    DecisionStopped,
+    DecisionTimeout,
+    Share,
+    never,
+)
+
+from ..shared_spend import SharedSpend
+from ..sqlite_store import SqliteStore
+from .stores import Reply
+
+
+class SharedSpendTest(unittest.TestCase):
+    def setUp(self) -> None:
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = Path(folder.name)
+
+    def spend(self, cap_usd: float) -> SharedSpend:
+        store, journals = SqliteStore(self.folder / "store"), self.folder / "journals"
+        made = SharedSpend(cap_usd, store, journals, lease_usd=0.1)
+        self.addCleanup(made.close)
+        return made
+
+    def admit(
+        self,
+        spend: SharedSpend,
+        bound: Callable[[], float] = lambda: 0.1,
+        *,
+        wait_s: float = 10.0,
+        stopping: Callable[[], bool] = never,
+    ) -> Share:
+        deadline = time.monotonic() + wait_s
+        return spend.admit(bound, deadline=deadline, clock=time.monotonic, stopping=stopping)
+
+    def test_call_that_finds_no_room_waits_for_it(self) -> None:
+        first, second = self.spend(0.1), self.spend(0.1)
+        in_flight = self.admit(first)
+        with self.assertRaises(DecisionTimeout):
+            self.admit(second, wait_s=0.3)
+        with self.assertRaises(DecisionStopped):
+            self.admit(second, stopping=lambda: True)
+        # The first process gives back what its call did not cost.
+        threading.Timer(0.2, in_flight.settle, [None]).start()
+        self.admit(second).settle(Reply(0.25))
+        for spend in (first, second):
+            with self.assertRaises(DecisionBudgetExceeded) as refused:
+                self.admit(spend)
+            text = "the shared daily cap is reached: $0.2500 of $0.10 spent today (UTC)"
+            self.assertEqual(str(refused.exception), text)
+            self.assertEqual(spend.spent(), 0.25)
+
+    def test_what_bound_raises_arrives_and_holds_nothing(self) -> None:
+        spend = self.spend(0.1)
+        for error in (DecisionBudgetExceeded("another"), DecisionTimeout("another"), KeyError()):
+
+            def fails() -> float:
+                raise error
+
+            with self.assertRaises(type(error)) as raised:
+                self.admit(spend, fails)
+            self.assertIs(raised.exception, error)
+        self.admit(spend).settle(None)
+
+    def test_what_is_charged_without_a_share_counts(self) -> None:
+        spend, other = self.spend(1.0), self.spend(1.0)
+        spend.charge(Reply(0.75))
+        self.assertEqual(spend.spent(), 0.75)
+        spend.close()
+        self.admit(other).settle(Reply(0.5))
+        self.assertEqual(other.spent(), 1.25)
