@@ -101,13 +101,15 @@ def _steady(shared: _Shared, quick: bool) -> str:
     for lease in _LEASES:
         ((spend, store),) = shared.holders(1, 1e9, lease)
         run = _run(shared, [spend], calls)
-        trips = store.transactions
+        trips, statements = store.transactions, store.statements
         spend.close()
-        lines.append([lease, f"{run.calls / run.seconds:,.0f}", trips, f"{run.calls / trips:.0f}"])
+        a_second, to_one = run.calls / run.seconds, run.calls / trips
+        to_statement = f"{run.calls / statements:.1f}"
+        lines.append([lease, f"{a_second:,.0f}", trips, f"{to_one:.0f}", to_statement])
     return subjects.table(
         f"Round trips to the store (transactions) in a steady run of {calls:,} calls of"
         f" {1000 * _CALL_S:g} ms from {_THREADS} threads (goal: 50 calls to one, or more)",
-        ["lease in calls", "calls a second", "round trips", "calls to one"],
+        ["lease in calls", "calls a second", "round trips", "calls to one", "calls to a statement"],
         lines,
     )
 

@@ -21,7 +21,7 @@ _LOCK = 0x6C656173  # the advisory lock that is this program's own in the databa
 class PostgresStore(Store):
     """A database of PostgreSQL 15 or later. Its clock is the server's."""
 
-    _BEGIN = ("BEGIN", f"SELECT pg_advisory_xact_lock({_LOCK})")
+    _BEGIN = (f"BEGIN; SELECT pg_advisory_xact_lock({_LOCK})",)
     _NOW = "CAST(extract(epoch FROM clock_timestamp()) AS double precision)"
     _ERRORS = psycopg.Error
 

@@ -187,7 +187,7 @@ class SharedSpend:
     def _pause_s(self) -> float:
         """How long the store is left alone unless a call asks for more."""
         scarce = self._lease.short and not self._lease.reached
-        return _RETRY_S if self._failure or scarce else _WRITE_S
+        return _RETRY_S if self._failure or scarce else min(_WRITE_S, self._term_s / 3)
 
     def _renew_due(self) -> None:
         """Renew each lease that is due, and drop those that are over."""

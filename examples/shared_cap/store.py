@@ -5,6 +5,7 @@ from __future__ import annotations
 from abc import ABC, abstractmethod
 from collections.abc import Iterator
 from contextlib import contextmanager
+from dataclasses import astuple
 from typing import Any
 
 from .lease import DAY_S, Answer, Day, Lease, Report, day_of, renewed
@@ -12,22 +13,26 @@ from .lease import DAY_S, Answer, Day, Lease, Report, day_of, renewed
 _TABLES = (
     "CREATE TABLE IF NOT EXISTS clock (latest_s DOUBLE PRECISION NOT NULL)",
     "INSERT INTO clock SELECT 0 WHERE NOT EXISTS (SELECT 1 FROM clock)",
-    "CREATE TABLE IF NOT EXISTS days (day TEXT PRIMARY KEY, counted BIGINT NOT NULL,"
-    " settled BIGINT NOT NULL)",
+    "CREATE TABLE IF NOT EXISTS days (day TEXT PRIMARY KEY,"
+    " counted_nano_usd BIGINT NOT NULL, settled_nano_usd BIGINT NOT NULL)",
     "CREATE TABLE IF NOT EXISTS leases (name TEXT PRIMARY KEY, day TEXT NOT NULL,"
-    " granted BIGINT NOT NULL, settled BIGINT NOT NULL, sequence BIGINT NOT NULL,"
-    " expires_s DOUBLE PRECISION NOT NULL)",
-    "CREATE INDEX IF NOT EXISTS leases_unspent ON leases (expires_s) WHERE granted > settled",
+    " granted_nano_usd BIGINT NOT NULL, settled_nano_usd BIGINT NOT NULL,"
+    " sequence BIGINT NOT NULL, expires_s DOUBLE PRECISION NOT NULL)",
+    "CREATE INDEX IF NOT EXISTS leases_unspent ON leases (expires_s)"
+    " WHERE granted_nano_usd > settled_nano_usd",
 )
-_LEASE = "SELECT name, day, granted, settled, sequence, expires_s FROM leases"
+_LEASES = (
+    "SELECT name, day, granted_nano_usd, settled_nano_usd, sequence, expires_s FROM leases WHERE"
+)
+_OVERDUE = f"{_LEASES} granted_nano_usd > settled_nano_usd AND expires_s < ?"
 _WRITE_LEASE = (
-    "INSERT INTO leases (name, day, granted, settled, sequence, expires_s)"
-    " VALUES (?, ?, ?, ?, ?, ?) ON CONFLICT (name) DO UPDATE SET granted = excluded.granted,"
-    " settled = excluded.settled, sequence = excluded.sequence, expires_s = excluded.expires_s"
+    "INSERT INTO leases VALUES (?, ?, ?, ?, ?, ?) ON CONFLICT (name) DO UPDATE SET"
+    " granted_nano_usd = excluded.granted_nano_usd, settled_nano_usd = excluded.settled_nano_usd,"
+    " sequence = excluded.sequence, expires_s = excluded.expires_s"
 )
 _WRITE_DAY = (
-    "INSERT INTO days (day, counted, settled) VALUES (?, ?, ?) ON CONFLICT (day) DO UPDATE"
-    " SET counted = excluded.counted, settled = excluded.settled"
+    "INSERT INTO days VALUES (?, ?, ?) ON CONFLICT (day) DO UPDATE SET"
+    " counted_nano_usd = excluded.counted_nano_usd, settled_nano_usd = excluded.settled_nano_usd"
 )
 
 
@@ -47,8 +52,7 @@ class Store(ABC):
 
     def __init__(self) -> None:
         self._connection: Any = None
-        self.transactions = 0
-        self.statements = 0
+        self.transactions = self.statements = 0  # how many there were
 
     def renew(self, report: Report, *, cap: int, term_s: float) -> Answer:
         """Take ``report`` in, and answer with its lease and day as they then stand.
@@ -61,14 +65,10 @@ class Store(ABC):
             lease = self._lease(report.name) or Lease(report.name, today)
             day = self._day(lease.day)
             lease, day = renewed(report, lease, day, cap=cap, now_s=now_s, term_s=term_s)
-            self._execute(
-                _WRITE_LEASE,
-                (lease.name, lease.day, lease.granted, lease.settled)
-                + (lease.sequence, lease.expires_s),
-            )
-            self._execute(_WRITE_DAY, (day.day, day.counted, day.settled))
-            overdue = self._execute(f"{_LEASE} WHERE granted > settled AND expires_s < ?", (now_s,))
-            others = tuple(Lease(*row) for row in overdue.fetchall())
+            self._execute(_WRITE_LEASE, astuple(lease))
+            self._execute(_WRITE_DAY, astuple(day))
+            overdue = self._execute(_OVERDUE, (now_s,)).fetchall()
+            others = tuple(Lease(*row) for row in overdue)
         return Answer(lease, day, today, DAY_S - now_s % DAY_S, others)
 
     def day(self, day: str) -> Day:
@@ -106,6 +106,9 @@ class Store(ABC):
         except self._ERRORS as error:
             self.close()
             raise StoreUnreachable(f"{type(error).__name__}: {error}".strip()) from error
+        except BaseException:
+            self.close()
+            raise
 
     def _execute(self, statement: str, values: tuple[Any, ...] = ()) -> Any:
         """The cursor of one statement, whose ``?`` stand for ``values``."""
@@ -114,17 +117,16 @@ class Store(ABC):
 
     def _now_s(self) -> float:
         """The store's clock, which never goes back. Called when the transaction has begun."""
-        (now_s,) = self._execute(f"SELECT {self._NOW}").fetchone()
-        moved = "UPDATE clock SET latest_s = ? WHERE latest_s < ?"
-        self._execute(moved, (now_s, now_s))
-        (latest_s,) = self._execute("SELECT latest_s FROM clock").fetchone()
+        later = f"CASE WHEN latest_s < {self._NOW} THEN {self._NOW} ELSE latest_s END"
+        moved = self._execute(f"UPDATE clock SET latest_s = {later} RETURNING latest_s")
+        (latest_s,) = moved.fetchone()
         return float(latest_s)
 
     def _lease(self, name: str) -> Lease | None:
-        row = self._execute(f"{_LEASE} WHERE name = ?", (name,)).fetchone()
+        row = self._execute(f"{_LEASES} name = ?", (name,)).fetchone()
         return row and Lease(*row)
 
     def _day(self, day: str) -> Day:
-        query = "SELECT day, counted, settled FROM days WHERE day = ?"
+        query = "SELECT day, counted_nano_usd, settled_nano_usd FROM days WHERE day = ?"
         row = self._execute(query, (day,)).fetchone()
         return Day(*row) if row else Day(day)

@@ -25,10 +25,11 @@ from ..lease import DAY_S, Day, day_of, nano_usd
 from ..shared_spend import SharedSpend
 from ..store import StoreUnreachable
 from .network import Network
-from .stores import PostgresServer, Reply, SqliteFile, opened
+from .stores import FOLDER, PostgresServer, Reply, SqliteFile, opened
 
 ROOT = Path(__file__).parents[3]
 NOON_S = 20_000.5 * DAY_S  # on the store's clock, when a test begins
+MIDNIGHT_S = NOON_S + DAY_S / 2
 DAY = day_of(NOON_S)
 TRIES = 400  # of 0.05 s each
 CALL_USD = 0.01
@@ -103,7 +104,7 @@ class Faults:
         store: Any
 
         def setUp(self) -> None:
-            folder = tempfile.TemporaryDirectory()
+            folder = tempfile.TemporaryDirectory(dir=FOLDER)
             self.addCleanup(folder.cleanup)
             self.folder = Path(folder.name)
             self.store = self.make_store()
@@ -280,8 +281,7 @@ class Faults:
             self.assertLessEqual(day.settled, nano_usd(2.0 + 2 * CALL_USD))
 
         def test_midnight_with_calls_in_flight(self) -> None:
-            midnight_s = NOON_S + DAY_S / 2
-            self.set_clock(midnight_s - 1.5)
+            self.set_clock(MIDNIGHT_S - 4.0)
             spends = [self.spend(cap_usd=0.5) for _ in range(2)]
             before = [self.admit(spend) for spend in spends for _ in range(8)]
             waiting = [self.call_until_refused(spend) for spend in spends]
@@ -292,13 +292,29 @@ class Faults:
                 thread.join()
             for spend in spends:
                 spend.close()
-            first, second = self.day(), self.day(day_of(midnight_s))
+            first, second = self.day(), self.day(day_of(MIDNIGHT_S))
             self.assertEqual(first.counted, first.settled)
             self.assertEqual(second.counted, second.settled)
             self.assertGreaterEqual(first.settled, 16 * nano_usd(CALL_USD))
             for day in (first, second):
                 self.assertLessEqual(day.settled, nano_usd(0.5 + 2 * CALL_USD))
             self.assertGreaterEqual(second.settled, nano_usd(0.5))
+
+        def test_midnight_while_the_store_is_gone(self) -> None:
+            self.set_clock(MIDNIGHT_S - 4.0)
+            spend = self.spend()
+            paid = self.call(spend)
+            self.store.stop()
+            time.sleep(4.5)
+            # Most of the lease is left, but it is of yesterday.
+            with self.assertRaises(DecisionUnavailable):
+                self.call(spend, wait_s=2.0)
+            self.store.start()
+            self.assertEqual(self.call(spend), paid)
+            spend.close()
+            self.assertEqual(self.day(), Day(DAY, paid, paid))
+            next_day = day_of(MIDNIGHT_S)
+            self.assertEqual(self.day(next_day), Day(next_day, paid, paid))
 
         def call_until_refused(self, spend: SharedSpend) -> threading.Thread:
             """Calls one after the other, until they are refused after midnight."""

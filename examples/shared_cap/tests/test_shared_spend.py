@@ -19,18 +19,20 @@ from engines.decision_bounds import (
 
 from ..shared_spend import SharedSpend
 from ..sqlite_store import SqliteStore
-from .stores import Reply
+from .stores import FOLDER, Reply
+
+TERM_S = 0.6
 
 
 class SharedSpendTest(unittest.TestCase):
     def setUp(self) -> None:
-        folder = tempfile.TemporaryDirectory()
+        folder = tempfile.TemporaryDirectory(dir=FOLDER)
         self.addCleanup(folder.cleanup)
         self.folder = Path(folder.name)
 
     def spend(self, cap_usd: float) -> SharedSpend:
         store, journals = SqliteStore(self.folder / "store"), self.folder / "journals"
-        made = SharedSpend(cap_usd, store, journals, lease_usd=0.1)
+        made = SharedSpend(cap_usd, store, journals, lease_usd=0.1, term_s=TERM_S)
         self.addCleanup(made.close)
         return made
 
@@ -48,8 +50,9 @@ class SharedSpendTest(unittest.TestCase):
     def test_call_that_finds_no_room_waits_for_it(self) -> None:
         first, second = self.spend(0.1), self.spend(0.1)
         in_flight = self.admit(first)
+        # The call is in flight for longer than a lease lasts, and the lease is renewed meanwhile.
         with self.assertRaises(DecisionTimeout):
-            self.admit(second, wait_s=0.3)
+            self.admit(second, wait_s=2 * TERM_S)
         with self.assertRaises(DecisionStopped):
             self.admit(second, stopping=lambda: True)
         # The first process gives back what its call did not cost.
