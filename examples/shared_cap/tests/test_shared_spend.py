@@ -30,9 +30,9 @@ class SharedSpendTest(unittest.TestCase):
         self.addCleanup(folder.cleanup)
         self.folder = Path(folder.name)
 
-    def spend(self, cap_usd: float) -> SharedSpend:
+    def spend(self, cap_usd: float, term_s: float = TERM_S) -> SharedSpend:
         store, journals = SqliteStore(self.folder / "store"), self.folder / "journals"
-        made = SharedSpend(cap_usd, store, journals, lease_usd=0.1, term_s=TERM_S)
+        made = SharedSpend(cap_usd, store, journals, lease_usd=0.1, term_s=term_s)
         self.addCleanup(made.close)
         return made
 
@@ -64,6 +64,14 @@ class SharedSpendTest(unittest.TestCase):
             text = "the shared daily cap is reached: $0.2500 of $0.10 spent today (UTC)"
             self.assertEqual(str(refused.exception), text)
             self.assertEqual(spend.spent(), 0.25)
+
+    def test_call_behind_one_in_flight_gets_what_another_process_gives_back(self) -> None:
+        spend, other = self.spend(0.3, term_s=60.0), self.spend(0.3, term_s=60.0)
+        elsewhere = self.admit(other)
+        in_flight = self.admit(spend)
+        threading.Timer(0.2, elsewhere.settle, [None]).start()
+        self.admit(spend).settle(None)
+        in_flight.settle(None)
 
     def test_what_bound_raises_arrives_and_holds_nothing(self) -> None:
         spend = self.spend(0.1)
