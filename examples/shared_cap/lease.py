@@ -24,6 +24,7 @@ class Lease:
 
     name: str
     day: str
+    needed: int = 0  # more than is settled, as long as calls are in flight or may follow
     granted: int = 0
     settled: int = 0
     sequence: int = 0
@@ -67,7 +68,7 @@ class Answer:
     day: Day
     today: str
     day_left_s: float
-    overdue: tuple[Lease, ...]  # other leases with something unspent that were not renewed in time
+    overdue: tuple[Lease, ...]  # leases in need that were not renewed in time
 
     def reached(self, cap: int) -> bool:
         """Whether ``cap`` is used up for good, as far as the store can know.
@@ -96,6 +97,7 @@ def renewed(
     room = cap - (day.counted - lease.counted) if lease.day == day_of(now_s) else 0
     after = replace(
         lease,
+        needed=report.need,
         granted=min(report.need, max(lease.granted, room)),
         settled=report.settled,
         sequence=report.sequence,

@@ -16,19 +16,22 @@ _TABLES = (
     "CREATE TABLE IF NOT EXISTS days (day TEXT PRIMARY KEY,"
     " counted_nano_usd BIGINT NOT NULL, settled_nano_usd BIGINT NOT NULL)",
     "CREATE TABLE IF NOT EXISTS leases (name TEXT PRIMARY KEY, day TEXT NOT NULL,"
-    " granted_nano_usd BIGINT NOT NULL, settled_nano_usd BIGINT NOT NULL,"
-    " sequence BIGINT NOT NULL, expires_s DOUBLE PRECISION NOT NULL)",
-    "CREATE INDEX IF NOT EXISTS leases_unspent ON leases (expires_s)"
-    " WHERE granted_nano_usd > settled_nano_usd",
+    " needed_nano_usd BIGINT NOT NULL, granted_nano_usd BIGINT NOT NULL,"
+    " settled_nano_usd BIGINT NOT NULL, sequence BIGINT NOT NULL,"
+    " expires_s DOUBLE PRECISION NOT NULL)",
+    "CREATE INDEX IF NOT EXISTS leases_in_need ON leases (expires_s)"
+    " WHERE needed_nano_usd > settled_nano_usd",
 )
 _LEASES = (
-    "SELECT name, day, granted_nano_usd, settled_nano_usd, sequence, expires_s FROM leases WHERE"
+    "SELECT name, day, needed_nano_usd, granted_nano_usd, settled_nano_usd, sequence, expires_s"
+    " FROM leases WHERE"
 )
-_OVERDUE = f"{_LEASES} granted_nano_usd > settled_nano_usd AND expires_s < ?"
+_OVERDUE = f"{_LEASES} needed_nano_usd > settled_nano_usd AND expires_s < ?"
 _WRITE_LEASE = (
-    "INSERT INTO leases VALUES (?, ?, ?, ?, ?, ?) ON CONFLICT (name) DO UPDATE SET"
-    " granted_nano_usd = excluded.granted_nano_usd, settled_nano_usd = excluded.settled_nano_usd,"
-    " sequence = excluded.sequence, expires_s = excluded.expires_s"
+    "INSERT INTO leases VALUES (?, ?, ?, ?, ?, ?, ?) ON CONFLICT (name) DO UPDATE SET"
+    " needed_nano_usd = excluded.needed_nano_usd, granted_nano_usd = excluded.granted_nano_usd,"
+    " settled_nano_usd = excluded.settled_nano_usd, sequence = excluded.sequence,"
+    " expires_s = excluded.expires_s"
 )
 _WRITE_DAY = (
     "INSERT INTO days VALUES (?, ?, ?) ON CONFLICT (day) DO UPDATE SET"

@@ -16,7 +16,6 @@ from ..lease import DAY_S, LAST, Day, Lease, Report, day_of, needed, renewed, us
 DEAREST = 2  # what a call holds: it costs that, or less
 AHEAD = 1  # how far ahead the journal is written
 SIZE = 2  # what is leased ahead
-CALLS_AT_ONCE = 1  # under one lease
 _DAYS = (day_of(0.0), day_of(DAY_S))
 _IN_TIME, _OVERDUE = 1.0, 0.0
 
@@ -27,6 +26,7 @@ class Row(NamedTuple):
     """A lease's row, and whether it is overdue."""
 
     day: int
+    needed: int
     granted: int
     settled: int
     sequence: int
@@ -59,7 +59,7 @@ class Holder(NamedTuple):
     cap: int = 0
     granted: int = 0
     settled: int = 0
-    in_flight: int = 0
+    in_flight: tuple[int, ...] = ()  # what each call holds
     noted: int = 0
     trip: Sent | Answered | None = None
     late: Sent | None = None  # a report that its process gave up, and that may still arrive
@@ -69,7 +69,7 @@ class Holder(NamedTuple):
     @property
     def spent(self) -> int:
         """What its calls may have cost in all."""
-        return self.settled + self.in_flight * DEAREST
+        return self.settled + sum(self.in_flight)
 
     @property
     def concluded(self) -> bool:
@@ -98,6 +98,8 @@ class World(NamedTuple):
     """What the processes share, as one of them sees it."""
 
     cap: int
+    calls_at_once: int
+    holds: tuple[int, ...]
     late: bool
     begins: bool
     today: int
@@ -123,8 +125,9 @@ class World(NamedTuple):
 
     def _called(self, lease: Holder) -> Iterator[Holder]:
         """A call is admitted, and noted in the journal before it leaves."""
-        if lease.spent < lease.cap and lease.in_flight < CALLS_AT_ONCE:
-            called = lease._replace(in_flight=lease.in_flight + 1)
+        room = lease.spent < lease.cap and len(lease.in_flight) < self.calls_at_once
+        for hold in self.holds if room else ():
+            called = lease._replace(in_flight=tuple(sorted((*lease.in_flight, hold))))
             if called.spent > called.noted:
                 ahead = min(called.spent + AHEAD, called.granted)
                 called = called._replace(noted=max(called.spent, ahead))
@@ -132,10 +135,10 @@ class World(NamedTuple):
 
     def _of_holder(self, lease: Holder) -> Iterator[Holder]:
         """A call settles; a report is made; an answer is taken in."""
-        if lease.in_flight:
-            for cost in (0, DEAREST):
-                settled = lease.settled + cost
-                yield lease._replace(in_flight=lease.in_flight - 1, settled=settled)
+        for at, hold in enumerate(lease.in_flight):
+            ended = lease._replace(in_flight=lease.in_flight[:at] + lease.in_flight[at + 1 :])
+            yield ended
+            yield ended._replace(settled=lease.settled + hold)
         if lease.trip is None:
             for busy in (False,) if lease.ended else (False, True):
                 need = needed(lease.spent, lease.granted, SIZE, busy=busy)
@@ -145,10 +148,10 @@ class World(NamedTuple):
                     yield _sent(asking, Sent(0, lease.settled, need))
         if isinstance(lease.trip, Answered):
             granted, over = lease.trip
-            ended = lease.ended or over
-            cap = usable(granted, lease.spent, over=ended)
-            taken = lease._replace(granted=granted, cap=cap, ended=ended)
-            yield taken._replace(trip=None, noted=lease.spent)
+            over = lease.ended or over
+            cap = usable(granted, lease.spent, over=over)
+            taken = lease._replace(granted=granted, cap=cap, ended=over)
+            yield taken._replace(trip=None, heard=True, noted=lease.spent)
             yield lease._replace(trip=None, heard=False)
 
     def _of_network(self, process: Process, lease: Holder) -> Iterator[Holder]:
@@ -169,12 +172,12 @@ class World(NamedTuple):
         if lease.row and not lease.concluded:
             if lease.row.expires_s == _IN_TIME:
                 yield lease._replace(row=lease.row._replace(expires_s=_OVERDUE))
-            elif lease.row.granted > lease.row.settled:
+            elif lease.row.needed > lease.row.settled:
                 yield self._arrived(process, lease, Sent(LAST, lease.noted, lease.noted))
 
     def _arrived(self, process: Process, lease: Holder, sent: Sent) -> Holder:
         """The store has taken a report in."""
-        before = lease.row or Row(self.today, 0, 0, -1, _IN_TIME)
+        before = lease.row or Row(self.today, 0, 0, 0, -1, _IN_TIME)
         counted, settled = self.others[before.day]
         own = [each.row for each in process.leases if each.row and each.row.day == before.day]
         counted += sum(row.counted for row in own)
@@ -195,7 +198,7 @@ class World(NamedTuple):
 def _decided(
     sent: Sent, row: Row, counted: int, settled: int, cap: int, today: int
 ) -> tuple[Row, Day]:
-    lease = Lease("", _DAYS[row.day], row.granted, row.settled, row.sequence)
+    lease = Lease("", _DAYS[row.day], *row[1:])
     lease, day = renewed(
         Report("", *sent),
         lease,
@@ -206,7 +209,9 @@ def _decided(
     )
     if lease.sequence == row.sequence:
         return row, day
-    return Row(row.day, lease.granted, lease.settled, lease.sequence, _IN_TIME), day
+    # How much more is needed than is settled makes no difference.
+    needs = min(lease.needed, lease.settled + 1)
+    return Row(row.day, needs, lease.granted, lease.settled, lease.sequence, _IN_TIME), day
 
 
 def _sent(lease: Holder, report: Sent) -> Holder:
@@ -247,6 +252,8 @@ def _check(process: Process) -> None:
             assert lease.spent <= settled == lease.noted, "what was spent does not count"
             assert granted <= settled, "what was not spent is not given back"
         else:
+            doubtful = lease.spent > settled
+            assert not doubtful or lease.row and lease.row.needed > settled, "nobody will look"
             assert settled <= lease.settled, "more is settled than calls cost"
             assert lease.spent <= granted + DEAREST - 1, "a lease is passed by more than a call"
         if lease.ended:
@@ -277,17 +284,21 @@ class Explorer:
         processes: int,
         cap: int,
         *,
+        calls_at_once: int = 1,
         late: bool = False,
         midnight: bool = False,
         begins: bool = False,
     ) -> None:
         """What may happen beside calls, settles, reports, losses, crashes and expiry.
 
+        ``calls_at_once`` under one lease hold 1 or ``DEAREST``, one alone always the latter.
         ``late``: a report that was given up arrives after all. ``midnight``: the day ends.
         ``begins``: a process whose lease has ended begins another; without it, what is explored are
         the leases of one day at a time, which share nothing with those of the next.
         """
         self._cap, self._midnight, self._late, self._begins = cap, midnight, late, begins
+        self._calls_at_once = calls_at_once
+        self._holds = (1, DEAREST) if calls_at_once > 1 else (DEAREST,)
         # Processes are kept once each and known by their number.
         self._numbers: dict[Process, int] = {}
         self._processes: list[Process] = []
@@ -325,7 +336,15 @@ class Explorer:
         key = number, today, rows
         after = self._after.get(key)
         if after is None:
-            world = World(self._cap, self._late, self._begins, today, (rows[:2], rows[2:]))
+            world = World(
+                self._cap,
+                self._calls_at_once,
+                self._holds,
+                self._late,
+                self._begins,
+                today,
+                (rows[:2], rows[2:]),
+            )
             changes = {self._number(changed) for changed in world.after(self._processes[number])}
             after = self._after[key] = list(changes - {number})
         return after
