@@ -79,8 +79,9 @@ class SharedSpend:
         """
         while True:
             lease = self._lease
+            spend = lease.spend
             try:
-                share = lease.spend.admit(bound, deadline=deadline, clock=clock, stopping=stopping)
+                share = spend.admit(bound, deadline=deadline, clock=clock, stopping=stopping)
             except DecisionBudgetExceeded as refusal:
                 if refusal.__traceback__ and refusal.__traceback__.tb_next:
                     raise  # It comes from ``bound``, which has a frame of its own.
@@ -89,7 +90,7 @@ class SharedSpend:
                 raise self._explained(timeout) from None
             else:
                 # The amount is read first: what settles meanwhile is then counted twice, not missed.
-                if lease.held.amount + lease.spend._cost > lease.noted_usd:
+                if lease.held.amount + spend._cost > lease.noted_usd:
                     lease.note()
                 return share
 

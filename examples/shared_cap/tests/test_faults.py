@@ -25,7 +25,7 @@ from ..lease import DAY_S, Day, day_of, nano_usd
 from ..shared_spend import SharedSpend
 from ..store import StoreUnreachable
 from .network import Network
-from .stores import FOLDER, PostgresServer, Reply, SqliteFile, opened
+from .stores import FOLDER, TIMEOUT_S, PostgresServer, Reply, SqliteFile, opened
 
 ROOT = Path(__file__).parents[3]
 NOON_S = 20_000.5 * DAY_S  # on the store's clock, when a test begins
@@ -305,7 +305,7 @@ class Faults:
             spend = self.spend()
             paid = self.call(spend)
             self.store.stop()
-            time.sleep(4.5)
+            time.sleep(4.5 + 2 * TIMEOUT_S)
             # Most of the lease is left, but it is of yesterday.
             with self.assertRaises(DecisionUnavailable):
                 self.call(spend, wait_s=2.0)
