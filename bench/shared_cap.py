@@ -1,4 +1,4 @@
-"""What a cap that processes share costs: round trips, time on the calls' way, and what stays unused."""
+"""What a cap costs that processes share: round trips, time on a call's way, and what stays unused."""
 
 from __future__ import annotations
 
@@ -6,7 +6,6 @@ import random
 import tempfile
 import threading
 import time
-from collections.abc import Callable
 from dataclasses import dataclass
 from pathlib import Path
 from types import ModuleType

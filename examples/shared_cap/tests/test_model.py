@@ -6,7 +6,7 @@ import gc
 import unittest
 from typing import Any
 
-from .model import Explorer
+from .explorer import Explorer
 
 
 class ModelTest(unittest.TestCase):
