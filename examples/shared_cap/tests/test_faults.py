@@ -110,10 +110,11 @@ class Faults:
 
         def test_clocks_of_processes_differ_by_minutes(self) -> None:
             workers = [Process(self, "late", -200.0), Process(self, "early", 300.0)]
-            for worker in workers:
-                worker.begin(cap_usd=2.0, call_s=0.004)
-            for worker in workers:
-                self.assertEqual(worker.says(), "done")
+            # Both run by the time the first of them can use up the cap.
+            for calls in (1, 1_000):
+                for worker in workers:
+                    worker.begin(cap_usd=2.0, calls=calls)
+                self.assertEqual([worker.says() for worker in workers], ["done", "done"])
             costs = [worker.billed()[0] for worker in workers]
             self.assertGreater(min(costs), 0)
             day = self.day()
