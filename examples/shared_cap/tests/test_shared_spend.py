@@ -50,9 +50,8 @@ class SharedSpendTest(unittest.TestCase):
     def test_call_that_finds_no_room_waits_for_it(self) -> None:
         first, second = self.spend(0.1), self.spend(0.1)
         in_flight = self.admit(first)
-        # The call is in flight for longer than a lease lasts, and the lease is renewed meanwhile.
         with self.assertRaises(DecisionTimeout):
-            self.admit(second, wait_s=2 * TERM_S)
+            self.admit(second, wait_s=0.3)
         with self.assertRaises(DecisionStopped):
             self.admit(second, stopping=lambda: True)
         # The first process gives back what its call did not cost.
@@ -64,6 +63,14 @@ class SharedSpendTest(unittest.TestCase):
             text = "the shared daily cap is reached: $0.2500 of $0.10 spent today (UTC)"
             self.assertEqual(str(refused.exception), text)
             self.assertEqual(spend.spent(), 0.25)
+
+    def test_lease_of_a_long_call_is_renewed_and_waited_for(self) -> None:
+        spend, other = self.spend(0.1), self.spend(0.1)
+        in_flight = self.admit(spend, lambda: 0.01)
+        # Were it overdue, the cap would be reached.
+        with self.assertRaises(DecisionTimeout):
+            self.admit(other, wait_s=3 * TERM_S)
+        in_flight.settle(None)
 
     def test_call_behind_one_in_flight_gets_what_another_process_gives_back(self) -> None:
         spend, other = self.spend(0.3, term_s=60.0), self.spend(0.3, term_s=60.0)
