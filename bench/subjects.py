@@ -11,7 +11,7 @@ from pathlib import Path
 from types import ModuleType
 from typing import Any
 
-_PLAIN = Path(__file__).parent / "plain"
+_PLAIN = Path(__file__).parents[1] / "tests" / "twin"
 _MODULE = "engines.decision_bounds"
 TODAY = "2024-05-01"
 

@@ -1,9 +1,4 @@
-# The tests: `core` needs no interpreter; `module`, `example`, `readme` and `plain` run under the one
-# that the module is built for.
-# The tests: `core` needs no interpreter; `module`, `example`, `walks` and `plain` run under the one that
-# the module is built for.
-# The tests: `core` needs no interpreter; `module`, `example`, `walks`, `faults` and `plain` run under the
-# one that the module is built for.
+# The tests. `core` needs no interpreter; all others run under the one that the module is built for.
 
 if(DECISION_BOUNDS_GTEST_SOURCE)
     set(INSTALL_GTEST OFF)
@@ -38,13 +33,13 @@ if(NOT DECISION_BOUNDS_MODULE)
     return()
 endif()
 
-# add_python_test(NAME FOLDER PATH...): runs tests/FOLDER with PATH... as PYTHONPATH. The working
-# directory is searched first, so it must not be the build tree, which has an `engines` of its own.
-function(add_python_test name folder)
-    list(JOIN ARGN ":" path)
+# add_python_test(NAME PATH ARGUMENT...): runs unittest with the arguments and PATH as PYTHONPATH. The
+# working directory is searched first, so it must not be the build tree, which has an `engines` of its
+# own.
+function(add_python_test name path)
     add_test(
         NAME ${name}
-        COMMAND "${python}" -m unittest discover -s tests/${folder} -t .
+        COMMAND "${python}" -m unittest ${ARGN}
         WORKING_DIRECTORY "${PROJECT_SOURCE_DIR}")
     set_tests_properties(${name} PROPERTIES ENVIRONMENT "PYTHONPATH=${path};${sanitizer_environment}")
 endfunction()
@@ -70,12 +65,17 @@ if(DECISION_BOUNDS_SANITIZERS MATCHES "address")
                               "PYTHONMALLOC=malloc")
 endif()
 
-add_python_test(module module "${PROJECT_BINARY_DIR}")
-add_python_test(example example "${PROJECT_BINARY_DIR}" "${PROJECT_SOURCE_DIR}")
-add_python_test(readme readme "${PROJECT_BINARY_DIR}" "${PROJECT_SOURCE_DIR}")
-add_python_test(walks walks "${PROJECT_BINARY_DIR}")
-add_python_test(faults faults "${PROJECT_BINARY_DIR}")
+set(with_examples "${PROJECT_BINARY_DIR}:${PROJECT_SOURCE_DIR}")
+add_python_test(module "${PROJECT_BINARY_DIR}" discover -s tests/module -t .)
+add_python_test(example "${with_examples}" discover -s tests/example -t .)
+add_python_test(readme "${with_examples}" discover -s tests/readme -t .)
+add_python_test(walks "${PROJECT_BINARY_DIR}" discover -s tests/walks -t .)
+add_python_test(faults "${PROJECT_BINARY_DIR}" discover -s tests/faults -t .)
+# What the other examples need of the package index is left to `scripts/check`.
+add_python_test(in_order "${with_examples}" discover -s examples/in_order/tests -t .)
+add_python_test(asyncio_pass "${with_examples}" examples.asyncio_pass.tests.test_admission
+                examples.asyncio_pass.tests.test_many_calls)
 if(NOT DECISION_BOUNDS_SANITIZERS)
     # The same tests on the twin in plain Python: an expectation that both share is no accident of either.
-    add_python_test(plain module "${PROJECT_SOURCE_DIR}/bench/plain")
+    add_python_test(plain "${PROJECT_SOURCE_DIR}/tests/twin" discover -s tests/module -t .)
 endif()

@@ -113,12 +113,12 @@ class OrderedCondition {
 };
 
 /// A tally that only a call with the lock may use.
-struct OrderedTally : Held<native::Native> {
+struct OrderedTally : native::HeldRecord {
   const OrderedCondition* lock = nullptr;
 
-  bool admits(double share, double used, double limit) const {
+  bool admits(double share, auto used, auto limit) const {
     EXPECT_TRUE(lock->is_held());
-    return Held::admits(share, used, limit);
+    return HeldRecord::admits(share, used, limit);
   }
   void take_or_nothing(double share) {
     EXPECT_TRUE(lock->is_held());

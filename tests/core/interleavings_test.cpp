@@ -159,7 +159,7 @@ struct Tried {
         [&] { EXPECT_TRUE(bound->ended_as(books)); });
   }
   void add(Scheduler::Calls& calls, const Course& course, int rounds = 1) {
-    calls.emplace_back([this, &course, rounds] {
+    calls.emplace_back([this, course, rounds] {
       for (int round = 0; round < rounds; ++round) {
         run(*bound, books, course);
       }

@@ -16,7 +16,7 @@ from tests.walks.world import World
 
 MODULE = "engines.decision_bounds"
 # The same surface in plain Python: a folder with a package `engines`.
-TWIN = Path(__file__).parents[2] / "bench" / "plain"
+TWIN = Path(__file__).parents[1] / "twin"
 
 
 def load_twin() -> ModuleType:
