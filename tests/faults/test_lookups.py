@@ -6,7 +6,7 @@ import os
 import sys
 import unittest
 
-from tests.faults.support import ProcessTest, known_fault
+from tests.faults.support import ProcessTest
 
 # A key that equals a name, and on the way does something once. It is found by the name's hash.
 PRELUDE = """
@@ -90,10 +90,6 @@ except (Boom, TypeError):
 """
 
 
-# The freed lock is as it was, by luck, where no sanitizer watches it.
-known_under_a_sanitizer = (
-    known_fault if os.environ.get("PYTHONMALLOC") == "malloc" else (lambda test: test)
-)
 own_to_the_interpreter = unittest.skipIf(
     sys.version_info >= (3, 12), "the interpreter's own look-ups of attributes fail in the same way"
 )
@@ -105,19 +101,16 @@ class LookupsTest(ProcessTest):
         malloc = os.environ.get("PYTHONMALLOC", "debug")
         self.ends_well("-c", PRELUDE + program, PYTHONMALLOC=malloc)
 
-    @known_fault
     @own_to_the_interpreter
     def test_a_condition_that_is_given_another_dictionary(self) -> None:
         for name in ("_lock", "_waiters"):
             with self.subTest(name):
                 self.survives(REPLACED.format(name=name))
 
-    @known_under_a_sanitizer
     @own_to_the_interpreter
     def test_a_condition_that_loses_its_lock(self) -> None:
         self.survives(DROPPED)
 
-    @known_fault
     @own_to_the_interpreter
     def test_a_condition_whose_look_up_raises(self) -> None:
         for name in ("_lock", "_waiters"):
@@ -125,7 +118,6 @@ class LookupsTest(ProcessTest):
                 with self.subTest(name, operation=operation):
                     self.survives(RAISES.format(name=name, operation=operation))
 
-    @known_fault
     def test_defaults_of_keywords_that_change(self) -> None:
         for change in ("defaults.pop('deadline')", "defaults.clear()", "boom()"):
             with self.subTest(change):
