@@ -22,7 +22,7 @@ class Interpreter:
 
 def report(interpreters: Iterable[Interpreter], quick: bool) -> str:
     """The table of all operations; each interpreter measures in a process of its own."""
-    repeats = "5" if quick else "30"
+    repeats = "20" if quick else "200"
     measured = {}
     for each in interpreters:
         command = [each.path, "-m", "bench.rows", str(each.build), repeats]
