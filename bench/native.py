@@ -22,12 +22,12 @@ _FLOORS = {
 
 
 def run_ns(build: Path, pattern: str, quick: bool) -> dict[str, list[float]]:
-    """Nanoseconds of one operation by the benchmark's name, from some interleaved runs of each."""
+    """Nanoseconds of one operation by the benchmark's name, from many short runs in alternation."""
     command = [
         str(build / "bench" / "native_bench"),
         f"--benchmark_filter={pattern}",
-        f"--benchmark_min_time={0.02 if quick else 0.1}",
-        f"--benchmark_repetitions={3 if quick else 7}",
+        "--benchmark_min_time=0.01",
+        f"--benchmark_repetitions={10 if quick else 100}",
         "--benchmark_enable_random_interleaving=true",
         "--benchmark_format=json",
     ]
