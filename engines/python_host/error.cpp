@@ -42,6 +42,27 @@ Ref Error::traceback() const {
   return traceback == nullptr ? Ref() : Ref::owned(traceback);
 }
 
+void Delayed::take() {
+  Error error = Error::take();
+  if (error_.exception().get() == nullptr) {
+    error_ = std::move(error);
+  }
+}
+
+void Delayed::raise() {
+  const bool failed = PyErr_Occurred() != nullptr;
+  if (error_.exception().get() != nullptr) {
+    if (failed) {
+      PyException_SetContext(error_.exception().get(), Ref(Error::take().exception()).release());
+    }
+    error_.restore();
+    throw Raised{};
+  }
+  if (failed) {
+    throw Raised{};
+  }
+}
+
 void add_caller_to_traceback() {
   if (PyFrameObject* caller = PyEval_GetFrame()) {
     shielded([&] { PyTraceBack_Here(caller); });

@@ -12,6 +12,7 @@ namespace decision_bounds::python {
 /// to end here.
 class Error {
  public:
+  Error() = default;
   /// Takes the error that is set, which then is no longer.
   static Error take();
 
@@ -24,6 +25,18 @@ class Error {
 
  private:
   Ref exception_;
+};
+
+/// An error that waits until something is done that it must not cut off.
+class Delayed {
+ public:
+  /// Takes the error that is set. The first that is taken is the one that is raised later.
+  void take();
+  /// Raises what was taken, in the place of an error that is set. Without either, returns.
+  void raise();
+
+ private:
+  Error error_;
 };
 
 /// Makes an error the one that is being handled, as in an `except` block: the interpreter makes it

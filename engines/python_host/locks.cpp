@@ -190,10 +190,10 @@ PyObject* Locks::plain_attributes(const Condition& condition) const {
   return place == nullptr ? nullptr : *place;
 }
 
-Entered Locks::enter(const Ref& lock) const {
+Entered Locks::enter(const Ref& lock, Delayed* interrupt) const {
   Ref entered = value_of(lock);
   if (mutex_.is_type_of(entered)) {
-    return enter_directly(mutex_, std::move(entered));
+    return enter_directly(mutex_, std::move(entered), interrupt);
   }
   const Ref enter = special_method(entered, enter_name_);
   Entered by_exit(special_method(entered, exit_name_));

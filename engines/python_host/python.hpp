@@ -46,6 +46,9 @@ struct Python {
   using ChargesRecord = python::ChargesRecord;
 
   State* state = nullptr;
+  /// Given where a share is settled, which can be done once: what interrupts the taking of the lock
+  /// is raised when the share has been given back.
+  Delayed* interrupt = nullptr;
 
   static const Number& amount(const Number& number) { return number; }
   static bool truth(const Number& value) { return python::truth(value); }
@@ -133,7 +136,7 @@ inline void ChargesRecord::learn(const Number& size, const Number& charge) const
 
 auto Python::locked(auto& lock, const auto& block) const -> decltype(block()) {
   using Result = decltype(block());
-  Entered entered = state->locks.enter(lock);
+  Entered entered = state->locks.enter(lock, interrupt);
   try {
     if constexpr (!std::is_void_v<Result>) {
       Result result = block();
@@ -158,7 +161,12 @@ auto Python::locked(auto& lock, const auto& block) const -> decltype(block()) {
 
 template <typename Bound>
 void end_call(State* state, PyObject* owner, const Number& amount, const Optional& reply) {
-  Instance<Bound>::of(owner)->bound.give_back(amount, reply, Python{state});
+  Delayed interrupt;
+  try {
+    Instance<Bound>::of(owner)->bound.give_back(amount, reply, Python{state, &interrupt});
+  } catch (const Raised&) {
+  }
+  interrupt.raise();
 }
 
 /// The give-back function of a share as an object of the host: `self` is its tuple.

@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from tests.faults.support import LONG, ProcessTest, known_fault
+from tests.faults.support import LONG, ProcessTest
 
 # A signal comes while a settle waits for the lock, which another thread has for half a second. One
 # that came before has left the share as it was.
@@ -50,6 +50,5 @@ class InterruptionsTest(ProcessTest):
     def test_errors_raised_by_signal_handlers(self) -> None:
         self.strike("signal")
 
-    @known_fault
     def test_a_signal_while_a_settle_waits_for_the_lock(self) -> None:
         self.ends_well("-c", SETTLE)
