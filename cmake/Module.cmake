@@ -1,5 +1,9 @@
 # The extension module, as build/<preset>/engines/decision_bounds<suffix of the interpreter>.
 
+# -DPython3_EXECUTABLE names the interpreter, and $PYTHON where it is not given.
+if(Python3_EXECUTABLE)
+    set(ENV{PYTHON} "${Python3_EXECUTABLE}")
+endif()
 # Asked anew by every configuration, so that the build follows when another interpreter is chosen; the
 # results that FindPython3 keeps do not.
 execute_process(
@@ -59,3 +63,14 @@ file(READ engines/decision_bounds.pyi surface_text)
 configure_file(cmake/surface_text.hpp.in surface/surface_text.hpp @ONLY)
 configure_file(engines/decision_bounds.pyi engines/decision_bounds.pyi COPYONLY)
 file(TOUCH "${PROJECT_BINARY_DIR}/engines/py.typed")
+
+# What a wheel holds. The package `engines` is shared with the client's own modules, so it has no
+# __init__.py; an installation of the C++ library leaves all of it out.
+install(
+    TARGETS decision_bounds_module
+    LIBRARY DESTINATION engines
+    COMPONENT decision_bounds_module EXCLUDE_FROM_ALL)
+install(
+    FILES "${PROJECT_BINARY_DIR}/engines/decision_bounds.pyi" "${PROJECT_BINARY_DIR}/engines/py.typed"
+    DESTINATION engines
+    COMPONENT decision_bounds_module EXCLUDE_FROM_ALL)
