@@ -20,12 +20,12 @@ from pathlib import Path
 
 ROOT = Path(__file__).parents[2]
 BUILT = ROOT / "build" / "wheels"
-VERSION = re.findall(
-    r"project\(decision_bounds VERSION ([\d.]+)", (ROOT / "CMakeLists.txt").read_text()
-)[0]
+VERSION = (
+    (ROOT / "CMakeLists.txt").read_text().split("project(decision_bounds VERSION ")[1].split()[0]
+)
 
 PROGRAM = f"""
-import importlib.metadata, sys
+import importlib.metadata
 import engines.neighbour
 from engines import decision_bounds as bounds
 budget = bounds.RunBudget(max_calls=1, max_tokens=10)
@@ -36,10 +36,10 @@ print(bounds.__file__)
 """
 
 
-def run(*command: str | Path, cwd: Path = ROOT) -> str:
+def run(*command: str | Path) -> str:
     """Return what the command prints. Raises ``AssertionError``, with all of it, if it fails."""
     done = subprocess.run(
-        command, cwd=cwd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True
+        command, cwd=ROOT, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True
     )
     if done.returncode != 0:
         raise AssertionError(f"{command} failed:\n{done.stdout}")
