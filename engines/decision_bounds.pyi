@@ -2,7 +2,29 @@
 batch pass and the daily cost cap.
 
 A paid call holds a share of each bound from the moment it is admitted until it ends, waits while
-the calls in flight hold the rest, and is refused when what was paid fills the bound.
+the calls in flight hold the rest, and is refused when what was paid fills the bound. With ``most``,
+the most that a request may come to, as a reply (``PaidReply``)::
+
+    day = DailySpend(1.00, utc_today, ledger=None)  # one for all calls
+    budget = RunBudget(max_calls=100, max_tokens=50_000)  # one for each pass
+
+    with budget.hold(most.input_tokens) as of_pass:
+        with day.admit(
+            lambda: most.cost, deadline=None, clock=time.monotonic, stopping=budget.stopping
+        ) as of_day:
+            paid = most  # what the call counts as where its reply cannot be read
+            try:
+                paid = ask(request)
+            finally:
+                of_day.settle(paid)
+                of_pass.settle(paid)
+
+Every thread enters the bounds in the same order. Costs are in USD, sizes in bytes, times in
+seconds. An amount that is not known is infinite: such a call waits until it is alone.
+
+The module itself raises ``DecisionBudgetExceeded``, ``DecisionStopped`` and ``DecisionTimeout``,
+whose base is ``DecisionError``. What a function that was handed in raises passes through as it is,
+except for the ledger, whose failure is logged.
 """
 
 import logging
@@ -158,14 +180,15 @@ class RunBudget:
     tokens that it may use (infinite where not known) from ``hold`` or ``reserve`` until it ends, by
     its share or by exactly one ``charge`` or ``release`` of the same tokens.
 
-    ``max_calls``: the most paid calls, settled and in flight together.
-    ``max_tokens``: the most input tokens of the paid calls.
-    ``calls``: calls settled with a paid reply.
-    ``input_tokens``: input tokens of the paid replies.
-    ``cost``: cost of the paid replies, USD.
-    ``cache_hits``: cached replies recorded.
-    ``in_flight``: calls admitted and not yet settled.
-    ``should_stop``: asked for whether the pass is to stop, by each call on entry and while it waits.
+    - ``max_calls``: the most paid calls, settled and in flight together.
+    - ``max_tokens``: the most input tokens of the paid calls.
+    - ``calls``: calls settled with a paid reply.
+    - ``input_tokens``: input tokens of the paid replies.
+    - ``cost``: cost of the paid replies, USD.
+    - ``cache_hits``: cached replies recorded.
+    - ``in_flight``: calls admitted and not yet settled.
+    - ``should_stop``: asked for whether the pass is to stop, by each call on
+      entry and while it waits.
     """
 
     max_calls: int
@@ -199,7 +222,10 @@ class RunBudget:
         """
 
     def hold(self, tokens: float) -> Share:
-        """As ``reserve``; return the share that gives the slot and the tokens back exactly once."""
+        """Admit a call as ``reserve`` does, with the same errors.
+
+        Returns its share, which gives the slot and the tokens back exactly once.
+        """
 
     def release(self, tokens: float = 0.0) -> None:
         """End a call without a paid reply: give back its slot and its tokens."""
@@ -212,7 +238,11 @@ class RunBudget:
         """
 
     def summary(self) -> dict[str, Any]:
-        """What the settled calls have used against the limits; the cost in USD, to 6 decimals."""
+        """What the settled calls have used against the limits.
+
+        The keys are ``calls`` (paid ones), ``cache_hits``, ``input_tokens``, ``cost_usd`` (to 6
+        decimals), ``max_calls`` and ``max_tokens``.
+        """
 
     def _summary_locked(self) -> dict[str, Any]:
         """As ``summary``, for a caller that holds the lock."""
@@ -255,7 +285,10 @@ class DailySpend:
         """
 
     def charge(self, reply: PaidReply) -> None:
-        """Count what a reply cost without any share: sent, never read, but perhaps billed."""
+        """Count what a reply cost today, without any share.
+
+        For a call that was sent and never read, but may be billed, and whose share is gone.
+        """
 
     def _give_back(self, held: float, reply: PaidReply | None) -> None:
         """End a call that held ``held`` USD, with its paid reply or None.
