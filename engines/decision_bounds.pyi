@@ -3,7 +3,7 @@ batch pass and the daily cost cap.
 
 A paid call holds a share of each bound from the moment it is admitted until it ends, waits while
 the calls in flight hold the rest, and is refused when what was paid fills the bound. With ``most``,
-the most that a request may come to, as a reply (``PaidReply``)::
+the most that a request may come to, as a reply (``PaidReply``):
 
     day = DailySpend(1.00, utc_today, ledger=None)  # one for all calls
     budget = RunBudget(max_calls=100, max_tokens=50_000)  # one for each pass
