@@ -110,7 +110,8 @@ def _parser() -> argparse.ArgumentParser:
 
 def read_requests(path: Path) -> list[Request]:
     """Return the lines of ``path`` that are not blank. Raises ``InputError`` if there are none."""
-    requests = []
+    requests: list[Request] = []
+    number = 0
     try:
         for number, line in enumerate(path.read_bytes().split(b"\n"), start=1):
             text = line.decode("utf-8-sig" if number == 1 else "utf-8").strip()
@@ -159,7 +160,7 @@ def _run(options: argparse.Namespace, ledger: Ledger, remote: Remote) -> ExitSta
     logging.basicConfig(level=logging.WARNING, handlers=[progress])
     client = DecisionClient(remote, ledger, options.cap, tally)
     batch = BatchPass(client, options.requests, options.max_calls, options.max_tokens)
-    signal.signal(signal.SIGINT, lambda *_: batch.interrupt())
+    signal.signal(signal.SIGINT, lambda _number, _frame: batch.interrupt())
     billed_before = remote.bill(READ_TIMEOUT_S)
     started = time.monotonic()
     with ThreadPoolExecutor(1) as aside:

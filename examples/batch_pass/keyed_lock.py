@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import threading
 from contextlib import contextmanager
-from typing import Iterator
+from typing import Generator
 
 
 class KeyedLock:
@@ -15,7 +15,7 @@ class KeyedLock:
         self._held: set[str] = set()
 
     @contextmanager
-    def hold(self, key: str) -> Iterator[None]:
+    def hold(self, key: str) -> Generator[None, None, None]:
         """Hold ``key`` for the length of the ``with`` block, waiting while another thread does."""
         with self._changed:
             self._changed.wait_for(lambda: key not in self._held)

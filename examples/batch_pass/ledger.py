@@ -8,7 +8,7 @@ import threading
 from contextlib import contextmanager
 from datetime import datetime, timezone
 from pathlib import Path
-from typing import Iterator
+from typing import Generator
 
 from examples.batch_pass.remote import Reply
 
@@ -92,7 +92,7 @@ class Ledger:
             self._database.close()
 
     @contextmanager
-    def _reported(self, doing: str) -> Iterator[None]:
+    def _reported(self, doing: str) -> Generator[None, None, None]:
         """Raise a failure of the database as a ``LedgerError`` that says what it was ``doing``."""
         try:
             yield
