@@ -147,7 +147,7 @@ Ref attribute_of_type(PyTypeObject* type, const Ref& name);
 template <std::same_as<Ref>... Items>
 Ref tuple_of(const Items&... items) {
   Ref tuple = checked(PyTuple_New, static_cast<Py_ssize_t>(sizeof...(items)));
-  Py_ssize_t index = 0;
+  [[maybe_unused]] Py_ssize_t index = 0;
   (PyTuple_SET_ITEM(tuple.get(), index++, Py_NewRef(items.get())), ...);
   return tuple;
 }
