@@ -27,7 +27,7 @@ def run_ns(build: Path, pattern: str, quick: bool) -> dict[str, list[float]]:
         str(build / "bench" / "native_bench"),
         f"--benchmark_filter={pattern}",
         "--benchmark_min_time=0.01",
-        f"--benchmark_repetitions={10 if quick else 100}",
+        f"--benchmark_repetitions={10 if quick else 40}",
         "--benchmark_enable_random_interleaving=true",
         "--benchmark_format=json",
     ]
