@@ -29,16 +29,37 @@ double unreadable(sys_days) { throw std::runtime_error("no such table"); }
 TEST_F(NativeTest, BothWarningsReachTheLogOrNobody) {
   for (Log* const to : {static_cast<Log*>(&log), static_cast<Log*>(nullptr)}) {
     DailySpend spend(
-        0.5, [this] { return today; }, unreadable, to);
-    EXPECT_EQ(spend.spent(), 0.0);
-    spend.charge({.cost = 0.75});
-    EXPECT_THROW(spend.admit([] { return 0.25; }).release(), DecisionBudgetExceeded);
+        5.0, [this] { return today; }, unreadable, to);
+    spend.charge({.cost = 5.00012});
+    EXPECT_THAT([&] { spend.admit([] { return 0.25; }).release(); },
+                ThrowsMessage<DecisionBudgetExceeded>(
+                    "the daily decision cost cap is reached: $5.0001 of $5.00 spent today (UTC)"));
   }
   EXPECT_THAT(
       log.warnings,
       ElementsAre("Could not read what the decision calls of 2024-02-29 cost; the daily cap "
                   "counts from 0: no such table",
-                  ::testing::StartsWith("The daily decision cost cap is reached: $0.7500")));
+                  "The daily decision cost cap is reached: $5.0001 of $5.00 spent today (UTC); "
+                  "paid calls resume tomorrow, cached answers are still used"));
+}
+
+TEST_F(NativeTest, AnExhaustedPassRefusesWithItsSummary) {
+  bool stop = false;
+  RunBudget budget{.max_calls = 40,
+                   .max_tokens = 900,
+                   .calls = 39,
+                   .input_tokens = 812,
+                   .cost = 0.1834124,
+                   .cache_hits = 3,
+                   .should_stop = [&] { return stop; }};
+  budget.charge({});
+  EXPECT_THAT([&] { budget.reserve(); },
+              ThrowsMessage<DecisionBudgetExceeded>(
+                  "decision budget exhausted: {'calls': 40, 'cache_hits': 3, 'input_tokens': 812, "
+                  "'cost_usd': 0.183412, 'max_calls': 40, 'max_tokens': 900}"));
+  stop = true;
+  EXPECT_THAT([&] { budget.reserve(); },
+              ThrowsMessage<DecisionStopped>("the pass was asked to stop"));
 }
 
 TEST_F(NativeTest, TheWaitsOfAnAdmissionHaveNames) {

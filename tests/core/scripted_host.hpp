@@ -35,20 +35,24 @@ inline constexpr auto interrupt = [](const auto&...) -> double { throw Interrupt
 /// flight go on.
 struct ScriptedCondition {
   int levels = 0;
+  int taken = 0;  ///< How often it was taken anew, but for what is done in a sleep.
   int wake_alls = 0;
   std::vector<double> sleeps;  ///< The seconds that each sleep asked for.
   std::function<void()> asleep = [] {};
 
-  void lock() { ++levels; }
+  void lock() { taken += levels++ == 0 ? 1 : 0; }
   void unlock() { --levels; }
   void wait(double seconds) {
+    EXPECT_GT(levels, 0);
     sleeps.push_back(seconds);
     if (sleeps.size() > 100) {
       throw std::logic_error("nothing ends this wait");
     }
     const int held = std::exchange(levels, 0);
+    const int own = taken;
     asleep();
     levels = held;
+    taken = own;
   }
 };
 
@@ -64,16 +68,34 @@ struct CountedMutex {
   void unlock() { held = false; }
 };
 
+/// A tally that is changed with the lock held, where it has one.
+struct GuardedTally : native::HeldRecord {
+  const ScriptedCondition* lock = nullptr;
+
+  void take_or_nothing(double share) {
+    EXPECT_TRUE(lock == nullptr || lock->levels > 0);
+    Held::take_or_nothing(share);
+  }
+  void give_back(double share) {
+    EXPECT_TRUE(lock == nullptr || lock->levels > 0);
+    Held::give_back(share);
+  }
+};
+
 /// Numbers, callbacks and errors are those of plain C++.
 struct Scripted : native::Native {
   using Condition = ScriptedCondition;
   using Mutex = CountedMutex;
+  using HeldRecord = GuardedTally;
 
   bool cost_is_unreadable = false;
   bool share_cannot_be_made = false;
 
   double cost(Reply reply) const { return cost_is_unreadable ? interrupt() : reply.cost; }
-  static void notify_all(Condition& changed) { ++changed.wake_alls; }
+  static void notify_all(Condition& changed) {
+    EXPECT_GT(changed.levels, 0);
+    ++changed.wake_alls;
+  }
   void wait(Condition& changed, const StopFunction& stopping, const Deadline& deadline = {},
             const Clock& clock = {}) const {
     decision_bounds::wait(changed, stopping, deadline, clock, *this);

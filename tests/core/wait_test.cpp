@@ -1,11 +1,14 @@
 // The one wait for room: what ends it, and how long it sleeps.
 
+#include <mutex>
+
 #include "scripted_host.hpp"
 
 namespace decision_bounds {
 
 struct WaitTest : ::testing::Test {
   void wait(const Scripted::Deadline& deadline, const Scripted::Clock& clock) {
+    const std::lock_guard held(changed);
     Scripted().wait(
         changed, [this] { return stop; }, deadline, clock);
   }

@@ -58,7 +58,7 @@ struct InFlight {
   }
 };
 
-enum class Answer { admitted, refused, stopped, late };
+enum class Answer { admitted, refused, stopped, late, failed };
 
 /// How a call for admission ends.
 Answer answer_of(const auto& call) {
@@ -71,18 +71,31 @@ Answer answer_of(const auto& call) {
     return Answer::stopped;
   } catch (const DecisionTimeout&) {
     return Answer::late;
+  } catch (const Interrupt&) {
+    return Answer::failed;
   }
 }
 
 /// What both walks have: the calls that were admitted, and what is done while one sleeps.
+///
+/// Each operation takes the lock once and keeps it: so calls on threads of their own can do no more
+/// than these, which do one operation after the other and anything where one sleeps.
 struct Walk : ::testing::Test {
   struct Admitted {
     HeldShare share;
     double amount;
+    bool is_readable;  ///< Whether what its reply cost can be read.
     bool ended = false;
   };
 
-  virtual void count(const PaidReply& reply, double amount) = 0;
+  /// What the end of a call does besides giving back.
+  struct Effect {
+    bool wakes = true;
+    bool fails = false;
+  };
+
+  virtual ScriptedCondition& changed() = 0;
+  virtual Effect count(const PaidReply& reply, const Admitted& call) = 0;
 
   /// Ends a call that was admitted, or one that has ended before.
   void end_one() {
@@ -91,25 +104,38 @@ struct Walk : ::testing::Test {
     }
     Admitted& call = *std::next(calls.begin(), dice.below(static_cast<int>(calls.size())));
     const bool first = !std::exchange(call.ended, true);
-    if (dice.one_in(3)) {
-      call.share.release();
-      if (first) {
-        in_flight.end(call.amount);
-      }
-      return;
-    }
-    const PaidReply reply = dice.reply();
-    call.share.settle(reply);
+    const std::optional reply = dice.one_in(3) ? std::nullopt : std::optional(dice.reply());
+    const int taken = changed().taken;
+    const int wake_alls = changed().wake_alls;
+    const Answer answer =
+        answer_of([&] { reply ? call.share.settle(*reply) : call.share.release(); });
+    const int took = changed().taken - taken;
+    const int woke = changed().wake_alls - wake_alls;
+    Effect effect{.wakes = first};
     if (first) {
-      count(reply, call.amount);
+      effect = reply ? count(*reply, call) : effect;
+      in_flight.end(call.amount);
     }
+    EXPECT_EQ(answer == Answer::failed, effect.fails);
+    EXPECT_EQ(woke, effect.wakes ? 1 : 0);
+    EXPECT_EQ(took, first ? 1 : 0);
+  }
+
+  /// Lets what the next call needs of its host fail, or not.
+  void choose_faults() {
+    host.cost_is_unreadable = dice.one_in(8);
+    host.share_cannot_be_made = dice.one_in(8);
+  }
+  Answer answer_of_admission() const {
+    return host.share_cannot_be_made ? Answer::failed : Answer::admitted;
   }
   void admitted(HeldShare share, double amount) {
     in_flight.shares.push_back(amount);
-    calls.push_back({std::move(share), amount});
+    calls.push_back({std::move(share), amount, !host.cost_is_unreadable});
   }
 
   Dice dice{2024};
+  Scripted host;
   std::list<Admitted> calls;
   InFlight in_flight;
   bool stop = false;

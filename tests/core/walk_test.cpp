@@ -13,16 +13,17 @@ constexpr int steps = 60;
 
 /// A pass beside its model.
 struct PassWalk : Walk {
-  void count(const PaidReply& reply, double amount) override {
+  ScriptedCondition& changed() override { return budget->changed_; }
+  Effect count(const PaidReply& reply, const Admitted& call) override {
     if (reply.cached) {
       ++hits;
-      budget->release(amount);  // A cached reply gives nothing back.
-    } else {
-      ++settled;
-      tokens += reply.input_tokens;
-      cost += reply.cost;
+      budget->release(call.amount);  // A cached reply gives nothing back.
+      return {.wakes = false};
     }
-    in_flight.end(amount);
+    ++settled;
+    tokens += reply.input_tokens;
+    cost += call.is_readable ? reply.cost : 0.0;
+    return {.wakes = call.is_readable, .fails = !call.is_readable};
   }
   /// What the rules say of a call that is not asleep.
   std::optional<Answer> decide(double share) const {
@@ -30,21 +31,29 @@ struct PassWalk : Walk {
       return Answer::refused;
     }
     if (in_flight.has_room(share, static_cast<double>(tokens), max_tokens)) {
-      return Answer::admitted;
+      return answer_of_admission();
+    }
+    if (stop_fails) {
+      return Answer::failed;
     }
     return stop ? std::optional(Answer::stopped) : std::nullopt;
   }
   void hold() {
     const double share = dice.share();
+    choose_faults();
     expected = stop ? Answer::stopped : decide(share);
-    budget->changed_.sleeps.clear();
-    budget->changed_.asleep = [&] {
+    changed().taken = 0;
+    changed().sleeps.clear();
+    changed().asleep = [&] {
       EXPECT_EQ(expected, std::nullopt);
       end_one();
       stop = stop || dice.one_in(8);
+      stop_fails = dice.one_in(8);
       expected = decide(share);
     };
-    EXPECT_EQ(answer_of([&] { admitted(budget->hold(share), share); }), expected);
+    EXPECT_EQ(answer_of([&] { admitted(budget->hold(share, host), share); }), expected);
+    EXPECT_TRUE(expected != Answer::admitted || changed().taken == 1);
+    stop_fails = false;
   }
   void compare() {
     const auto summary = budget->summary();
@@ -54,10 +63,13 @@ struct PassWalk : Walk {
     EXPECT_EQ(budget->cost, cost);
     EXPECT_EQ(budget->in_flight, static_cast<std::int64_t>(in_flight.shares.size()));
     EXPECT_TRUE(in_flight.is_held_as(budget->held_tokens_));
-    EXPECT_EQ(budget->changed_.levels, 0);
+    EXPECT_EQ(budget->exhausted(),
+              settled + budget->in_flight >= max_calls || tokens >= max_tokens);
+    EXPECT_EQ(changed().levels, 0);
   }
 
   std::optional<RunBudget<Scripted>> budget;
+  bool stop_fails = false;
   int max_calls = 0;
   int max_tokens = 0;
   int settled = 0;
@@ -70,8 +82,11 @@ TEST_F(PassWalk, IsAsTheModelSays) {
   for (int walk = 0; walk < walks && !HasFailure(); ++walk) {
     max_calls = dice.below(20);
     max_tokens = dice.below(40);
-    budget.emplace(RunBudget<Scripted>{
-        .max_calls = max_calls, .max_tokens = max_tokens, .should_stop = [&] { return stop; }});
+    budget.emplace(
+        RunBudget<Scripted>{.max_calls = max_calls, .max_tokens = max_tokens, .should_stop = [&] {
+                              return stop_fails ? interrupt() > 0.0 : stop;
+                            }});
+    budget->held_tokens_.lock = &changed();
     settled = hits = 0;
     tokens = 0;
     cost = 0.0;
@@ -83,38 +98,48 @@ TEST_F(PassWalk, IsAsTheModelSays) {
       compare();
     }
     calls.clear();
-    EXPECT_TRUE(is_idle(budget->changed_, budget->held_tokens_)) << "walk " << walk;
+    in_flight.shares.clear();
+    budget->release(dice.share());  // Of a call that holds nothing.
+    compare();
+    EXPECT_TRUE(is_idle(changed(), budget->held_tokens_)) << "walk " << walk;
   }
 }
 
 /// The account of a day beside its model.
 struct DayWalk : Walk, native::Log {
   DayWalk() { host.log = this; }
+  ScriptedCondition& changed() override { return account->changed_; }
   void warning(const std::string&) override { ++warnings; }
 
   /// The model of a date that changes: what the ledger has, in every second month.
   void roll() {
     if (date != counted_date) {
       counted_date = date;
+      ++ledger_reads_expected;
       used = is_readable(date) ? ledger_usd : 0.0;
       is_warned = false;
       warnings_expected += is_readable(date) ? 0 : 1;
     }
   }
   static bool is_readable(const std::string& date) { return date.back() % 2 == 0; }
-  static double read_ledger(const std::string& date) {
-    return is_readable(date) ? ledger_usd : throw std::runtime_error("it cannot be read");
+  double read_ledger(const std::string& day) {
+    ++ledger_reads;
+    return is_readable(day) ? ledger_usd : throw std::runtime_error("it cannot be read");
   }
-  void count(const PaidReply& reply, double amount) override {
+  Effect count(const PaidReply& reply, const Admitted& call) override {
     roll();
-    used += reply.cost;
-    in_flight.end(amount);
+    used += call.is_readable ? reply.cost : 0.0;
+    return {.fails = !call.is_readable};
   }
   double bound() {
     EXPECT_EQ(expected, std::nullopt) << "not asked where the cap is reached";
+    if (dice.one_in(16)) {
+      expected = Answer::failed;
+      return interrupt();
+    }
     share = dice.share();
     if (in_flight.has_room(share, used, cap)) {
-      expected = Answer::admitted;
+      expected = answer_of_admission();
     } else if (stop) {
       expected = Answer::stopped;
     } else if (deadline && now >= *deadline) {
@@ -127,12 +152,14 @@ struct DayWalk : Walk, native::Log {
     expected = used < cap ? std::nullopt : std::optional(Answer::refused);
   }
   void admit() {
+    choose_faults();
     deadline.reset();
     if (dice.one_in(2)) {
       deadline = now + dice.amount();
     }
-    account->changed_.sleeps.clear();
-    account->changed_.asleep = [&] {
+    changed().taken = 0;
+    changed().sleeps.clear();
+    changed().asleep = [&] {
       EXPECT_EQ(expected, std::nullopt);
       end_one();
       now += 0.125;
@@ -147,6 +174,7 @@ struct DayWalk : Walk, native::Log {
       admitted(std::move(held), share);
     });
     EXPECT_EQ(answer, expected);
+    EXPECT_EQ(changed().taken, 1);
     if (answer == Answer::refused && !std::exchange(is_warned, true)) {
       ++warnings_expected;
     }
@@ -160,12 +188,12 @@ struct DayWalk : Walk, native::Log {
     roll();
     EXPECT_EQ(account->spent(host), used);
     EXPECT_TRUE(in_flight.is_held_as(account->held_));
-    EXPECT_EQ(account->changed_.levels, 0);
+    EXPECT_EQ(changed().levels, 0);
     EXPECT_EQ(warnings, warnings_expected);
+    EXPECT_EQ(ledger_reads, ledger_reads_expected);
   }
 
   static constexpr double ledger_usd = 1.5;
-  Scripted host;
   std::optional<DailySpend<Scripted>> account;
   double cap = 0.0;
   double used = 0.0;
@@ -175,6 +203,8 @@ struct DayWalk : Walk, native::Log {
   std::string date = "2024-03-01";
   std::string counted_date;
   bool is_warned = false;
+  int ledger_reads = 0;
+  int ledger_reads_expected = 0;
   int warnings = 0;
   int warnings_expected = 0;
 };
@@ -183,7 +213,10 @@ TEST_F(DayWalk, IsAsTheModelSays) {
   for (int walk = 0; walk < walks && !HasFailure(); ++walk) {
     cap = dice.amount() * 4;
     account.emplace(
-        DailySpend<Scripted>{.cap = cap, .today = [&] { return date; }, .ledger = read_ledger});
+        DailySpend<Scripted>{.cap = cap,
+                             .today = [&] { return date; },
+                             .ledger = [&](const std::string& day) { return read_ledger(day); }});
+    account->held_.lock = &changed();
     counted_date.clear();
     in_flight.shares.clear();
     for (int step = 0; step < steps && !HasFailure(); ++step) {
@@ -194,7 +227,10 @@ TEST_F(DayWalk, IsAsTheModelSays) {
         roll();
         const PaidReply reply = dice.reply();
         used += reply.cost;
+        host.cost_is_unreadable = false;
+        const int wake_alls = changed().wake_alls;
         account->charge(reply, host);
+        EXPECT_EQ(changed().wake_alls, wake_alls + 1);
       } else {
         end_one();
       }
@@ -202,7 +238,7 @@ TEST_F(DayWalk, IsAsTheModelSays) {
       compare();
     }
     calls.clear();
-    EXPECT_TRUE(is_idle(account->changed_, account->held_)) << "walk " << walk;
+    EXPECT_TRUE(is_idle(changed(), account->held_)) << "walk " << walk;
   }
 }
 
