@@ -22,10 +22,10 @@ void GiveBackSlot::operator()(const Optional& reply) const {
 }
 
 PyObject* GiveBackSlot::kept_function() {
-  if (ending_ != nullptr) {
+  // Making an object may run code that settles the share.
+  if (Ending* const ending = ending_) {
     const Ref self = tuple_of(Ref::to(state_->module), object_, Ref(amount_));
-    Ref function = checked(PyCFunction_New, &ending_->function, self);
-    // Making it may have run code that settled the share.
+    Ref function = checked(PyCFunction_New, &ending->function, self);
     if (ending_ != nullptr) {
       *this = GiveBackSlot(std::move(function));
     }

@@ -174,6 +174,28 @@ class LifetimeTest(unittest.TestCase):
             give_back(reply=None)
             self.assertEqual(held, bounds._Held(), bound)
 
+    def test_a_collection_may_settle_the_share_that_is_read(self) -> None:
+        class Settling:
+            def __del__(self) -> None:
+                share.settle(None)
+
+        self.addCleanup(gc.set_threshold, *gc.get_threshold())
+        for bound, take in ((bounds.RunBudget(9, 9), lambda it: it.hold(1.0)), (account(), admit)):
+            gc.collect()
+            gc.disable()
+            share = take(bound)
+            settling: Any = Settling()
+            settling.itself = settling
+            del settling
+            # No tuple is left over from before: the next one is made, which collects first.
+            tuples = [(number,) * 3 for number in range(3000)]
+            gc.set_threshold(1)
+            gc.enable()
+            given = share._give_back
+            del tuples
+            gc.collect()
+            self.assertIsNone(share._give_back, given)
+
     def test_what_changes_under_a_call_does_no_harm(self) -> None:
         budget = bounds.RunBudget(9, 9)
         tokens = mock.MagicMock()
