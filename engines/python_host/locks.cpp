@@ -145,7 +145,10 @@ Ref Locks::part_of(Condition& condition, const Ref& /*name*/,
     return {};
   }
   if (dict_version_of(attributes) != condition.dict_version) {
-    remember_parts(condition, Ref::to(attributes));
+    // The look-ups may run code that lets the condition go.
+    const Ref kept = Ref::to(attributes);
+    remember_parts(condition, kept);
+    return Ref::to(condition.*remembered);
   }
   return Ref::to(condition.*remembered);
 }

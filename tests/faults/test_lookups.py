@@ -51,6 +51,15 @@ for operation in (budget.summary, budget.reserve, budget.release, budget.summary
     attempt(operation)
 assert budget.in_flight in (0, 1)
 """
+REBOUND = """
+def rebind():
+    budget._changed = threading.Condition()
+    gc.collect()
+for name in ("_lock", "_waiters", "_is_owned") * 3:
+    for operation in ("summary", "release", "reserve"):
+        budget = bounds.RunBudget(9, 9, _changed=fighting(name, rebind))
+        attempt(getattr(budget, operation))
+"""
 DROPPED = """
 def drop():
     vars(changed).pop("_lock", None)
@@ -106,6 +115,10 @@ class LookupsTest(ProcessTest):
         for name in ("_lock", "_waiters"):
             with self.subTest(name):
                 self.survives(REPLACED.format(name=name))
+
+    @own_to_the_interpreter
+    def test_a_condition_that_is_replaced_itself(self) -> None:
+        self.survives(REBOUND)
 
     @own_to_the_interpreter
     def test_a_condition_that_loses_its_lock(self) -> None:
