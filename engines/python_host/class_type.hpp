@@ -126,9 +126,9 @@ template <typename Bound>
 inline constinit auto descriptors_of =
     make_descriptors<Bound>(std::make_index_sequence<field_count<Bound>>());
 
-/// Sets any attribute. A subclass that declares a field again, with a default of its own, hides the
-/// descriptor of the field behind that default; the first object that sets the field puts the
-/// descriptor back, so that the bound and the attribute stay one.
+/// Sets any attribute. A subclass that declares a field again hides the descriptor of the field
+/// behind a default or a slot; the first object that sets the field puts the descriptor back, so
+/// that the bound and the attribute stay one.
 template <typename Bound>
 int set_attribute(PyObject* object, PyObject* name, PyObject* value) {
   PyTypeObject* type = Py_TYPE(object);
@@ -141,7 +141,11 @@ int set_attribute(PyObject* object, PyObject* name, PyObject* value) {
     const Ref own = attribute_of_type(storing, key);
     const Ref found = attribute_of_type(type, key);
     const bool is_field = own.get() != nullptr && Py_IS_TYPE(own.get(), &PyGetSetDescr_Type);
-    if (is_field && found.get() != own.get() && Py_TYPE(found.get())->tp_descr_set == nullptr) {
+    // The first look-up may have run code that deletes what the second is for.
+    const bool is_hidden = found.get() != nullptr && found.get() != own.get() &&
+                           (Py_TYPE(found.get())->tp_descr_set == nullptr ||
+                            Py_IS_TYPE(found.get(), &PyMemberDescr_Type));
+    if (is_field && is_hidden) {
       checked(PyObject_SetAttr, Ref::to(reinterpret_cast<PyObject*>(type)), key, own);
     }
     return PyObject_GenericSetAttr(object, name, value);

@@ -97,6 +97,20 @@ try:
 except (Boom, TypeError):
     pass
 """
+FIELD_DELETED = """
+class Name(str):
+    def __hash__(self):
+        global hashed
+        hashed += 1
+        if hashed == {number}:
+            del bounds._Held.amount
+        return str.__hash__(self)
+class Derived(bounds._Held):
+    pass
+held = Derived()
+hashed = 0
+attempt(lambda: setattr(held, Name("amount"), 1.0))
+"""
 
 
 own_to_the_interpreter = unittest.skipIf(
@@ -135,3 +149,7 @@ class LookupsTest(ProcessTest):
         for change in ("defaults.pop('deadline')", "defaults.clear()", "boom()"):
             with self.subTest(change):
                 self.survives(KEYWORD_DEFAULTS.format(change=change))
+
+    def test_a_field_that_is_deleted_while_it_is_set(self) -> None:
+        for number in range(1, 6):
+            self.survives(FIELD_DELETED.format(number=number))

@@ -98,13 +98,14 @@ class LifetimeTest(unittest.TestCase):
         self.assertTrue(is_free(spend._changed))
 
     def test_a_subclass_may_declare_a_field_again(self) -> None:
-        @dataclasses.dataclass
         class Small(bounds.RunBudget):  # type: ignore[misc]
             max_calls: int = 1
             max_tokens: int = 9
             calls: int = 0
 
-        for small in (Small(), Small(1, 9)):
+        Slotted: Any = dataclasses.dataclass(slots=True)(Small)
+        Small = dataclasses.dataclass(Small)
+        for small in (Small(), Small(1, 9), Slotted(), Slotted(1, 9)):
             small.reserve()
             self.assertTrue(small.exhausted())
             small.max_calls = 2
