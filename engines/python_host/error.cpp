@@ -69,8 +69,15 @@ void add_caller_to_traceback() {
   }
 }
 
+// `PyErr_GetExcInfo` would answer, in a generator that handles nothing, what its caller handles,
+// and the generator would go on to handle that.
 Handling::Handling(const Error& error) {
-  PyErr_GetExcInfo(&type_, &exception_, &traceback_);
+  const _PyErr_StackItem& running = *PyThreadState_Get()->exc_info;
+#if PY_VERSION_HEX < 0x030B0000
+  type_ = Py_XNewRef(running.exc_type);
+  traceback_ = Py_XNewRef(running.exc_traceback);
+#endif
+  exception_ = Py_XNewRef(running.exc_value);
   PyErr_SetExcInfo(error.type().release(), Ref(error.exception()).release(),
                    error.traceback().release());
 }

@@ -3,7 +3,9 @@
 from __future__ import annotations
 
 import math
+import sys
 import unittest
+from collections.abc import Iterator
 from decimal import Decimal
 from functools import partial
 from typing import Any
@@ -156,6 +158,21 @@ class CallbacksTest(unittest.TestCase):
         self.assertEqual(held, bounds._Held(2, 0.5))
         self.assertRaises(TypeError, held.take, "inf")
         self.assertEqual(held, bounds._Held(3, 0.5))
+
+    def test_a_generator_goes_on_to_handle_what_it_handled(self) -> None:
+        budget = bounds.RunBudget(9, 9)
+
+        def failing() -> Iterator[Any]:
+            while True:
+                self.assertRaises(TypeError, budget.reserve, Decimal(1))
+                yield sys.exc_info()[1]
+
+        steps = failing()
+        try:
+            raise LookupError
+        except LookupError as error:
+            self.assertIs(next(steps), error)
+        self.assertIsNone(next(steps))
 
     def test_functions_are_asked_as_often_as_the_call_tests(self) -> None:
         asked = mock.Mock()  # Notes in one order what is asked of each of its functions.
