@@ -21,21 +21,26 @@ struct ClassOf<HostSpend> {
 
 template struct Instance<HostSpend>;
 
+static Ref init(const Python& host, const Arguments& arguments) {
+  const State& state = *host.state;
+  const Ref changed = call_method(interned("Condition"), state.threading);
+  const Ref held = call(state.global(state.names.held));
+  const Ref day = interned("");
+  const Ref cost = Number(0.0);
+  PyObject* values[] = {arguments.self(),
+                        arguments.get(1).get(),
+                        arguments.get(2).get(),
+                        arguments.get(3).get(),
+                        changed.get(),
+                        held.get(),
+                        day.get(),
+                        cost.get(),
+                        Py_False};
+  return set_fields<HostSpend>(host, Arguments(values));
+}
+
 constexpr Definition daily_spend_operations[] = {
-    {"__init__",
-     [](const Python& host, const Arguments& arguments) {
-       const State& state = *host.state;
-       auto& spend = arguments.bound<HostSpend>();
-       spend.cap = arguments.get<Number>(1);
-       spend.today = arguments.get<Function>(2);
-       spend.ledger = arguments.get<Function>(3);
-       spend.changed_ = Condition(call_method(interned("Condition"), state.threading));
-       spend.held_ = HeldRecord(call(state.global(state.names.held)));
-       spend.day_ = interned("");
-       spend.cost_ = 0.0;
-       spend.capped_ = Ref(false);
-       return Ref::none();
-     }},
+    {"__init__", init},
     {"spent", method<&HostSpend::spent>},
     {"admit", method<&HostSpend::admit>},
     {"charge", method<&HostSpend::charge>},

@@ -21,17 +21,18 @@ struct ClassOf<HostRates> {
 
 template struct Instance<HostRates>;
 
+static Ref init(const Python& host, const Arguments& arguments) {
+  const State& state = *host.state;
+  const Ref lock = call_method(interned("Lock"), state.threading);
+  const Ref cost = call(state.global(state.names.charges));
+  const Ref tokens = call(state.global(state.names.charges));
+  const Ref features = checked(PySet_New, nullptr);
+  PyObject* values[] = {arguments.self(), lock.get(), cost.get(), tokens.get(), features.get()};
+  return set_fields<HostRates>(host, Arguments(values));
+}
+
 constexpr Definition request_rates_operations[] = {
-    {"__init__",
-     [](const Python& host, const Arguments& arguments) {
-       const State& state = *host.state;
-       auto& rates = arguments.bound<HostRates>();
-       rates.lock_ = call_method(interned("Lock"), state.threading);
-       rates.cost_ = ChargesRecord(call(state.global(state.names.charges)));
-       rates.tokens_ = ChargesRecord(call(state.global(state.names.charges)));
-       rates.features_ = Features(checked(PySet_New, nullptr));
-       return Ref::none();
-     }},
+    {"__init__", init},
     {"cost", method<&HostRates::cost>},
     {"tokens", method<&HostRates::tokens>},
     {"learn", method<&HostRates::learn>},

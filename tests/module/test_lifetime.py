@@ -115,6 +115,27 @@ class LifetimeTest(unittest.TestCase):
             self.assertFalse(small.exhausted())
         self.assertEqual(dataclasses.replace(small, calls=5).summary()["calls"], 5)
 
+    def test_a_subclass_may_see_to_what_is_set(self) -> None:
+        for make, fields in (
+            (bounds.Share, "_give_back"),
+            (bounds._Charges, "per_byte per_call"),
+            (bounds.RequestRates, "_lock _cost _tokens _features"),
+            (account, "_cap _today _ledger _changed _held _day _cost _capped"),
+        ):
+            names: list[str] = []
+
+            class Seeing(type(make())):  # type: ignore[misc]
+                _day = per_call = "hidden"
+
+                def __setattr__(self, name: str, value: Any) -> None:
+                    names.append(name)
+                    super().__setattr__(name, value)
+
+            with mock.patch.object(bounds, Seeing.__base__.__name__, Seeing):
+                made = make() if make is account else Seeing()
+            self.assertEqual(names, fields.split())
+            self.assertNotIn("hidden", [getattr(made, name) for name in names])
+
     def test_missing_fields_are_attribute_errors(self) -> None:
         for make, use, fields in (
             (bounds.Share, bounds.Share.__exit__, "_give_back"),
