@@ -20,7 +20,7 @@ class Error {
   void restore();
 
   const Ref& exception() const { return exception_; }
-  Ref type() const { return Ref::to(reinterpret_cast<PyObject*>(Py_TYPE(exception_.get()))); }
+  Ref type() const { return type_of(exception_.get()); }
   Ref traceback() const;
 
  private:

@@ -7,6 +7,7 @@
 
 #include <concepts>
 #include <cstddef>
+#include <cstdint>
 #include <structmember.h>
 #include <type_traits>
 #include <utility>
@@ -134,6 +135,34 @@ inline Ref attribute(const Ref& object, const char* name) {
   return checked(PyObject_GetAttrString, object, name);
 }
 inline Ref import(const char* module) { return checked(PyImport_ImportModule, module); }
+
+/// The type of an object, as an object.
+inline Ref type_of(PyObject* object) {
+  return Ref::to(reinterpret_cast<PyObject*>(Py_TYPE(object)));
+}
+
+#if PY_VERSION_HEX < 0x030D0000
+/// The version tag of a dictionary: every state of every dictionary has one of its own.
+/// CPython 3.12 keeps it up to date, but has deprecated its name.
+inline std::uint64_t dict_version_of(PyObject* dictionary) {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+  return reinterpret_cast<PyDictObject*>(dictionary)->ma_version_tag;
+#pragma GCC diagnostic pop
+}
+#endif
+
+/// A number of a class derived from nothing but `object`: it changes whenever something is set on
+/// the class, and does not come back. 0 is the number of many states.
+inline std::uint64_t class_version_of(PyTypeObject* type) {
+#if PY_VERSION_HEX < 0x030D0000
+  // Not the version tag of the type: from `sys._clear_type_cache()` on, CPython 3.10 gives out the
+  // same tags again.
+  return dict_version_of(type->tp_dict);
+#else
+  return type->tp_version_tag;
+#endif
+}
 
 /// What a dictionary holds under a key, or nothing. The look-up may run code, since a key of the
 /// dictionary may be an object with an `==` of its own: the caller owns the dictionary.

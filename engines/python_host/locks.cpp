@@ -3,6 +3,8 @@
 
 #include "python_host/locks.hpp"
 
+#include <algorithm>
+
 #include "python_host/error.hpp"
 
 namespace decision_bounds::python {
@@ -34,26 +36,19 @@ PyCFunction c_function(const Ref& lock, const char* method, int flags) {
   return is_known ? PyCFunction_GET_FUNCTION(bound.get()) : nullptr;
 }
 
-#if PY_VERSION_HEX < 0x030D0000
-/// The version tag of a dictionary. CPython 3.12 keeps it up to date, but has deprecated its name.
-std::uint64_t dict_version_of(PyObject* dictionary) {
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-  return reinterpret_cast<PyDictObject*>(dictionary)->ma_version_tag;
-#pragma GCC diagnostic pop
-}
-#endif
-
 }  // namespace
 
 LockType LockType::of(const Ref& lock) {
   LockType found;
+  const PyCFunction acquire = c_function(lock, "acquire", METH_VARARGS | METH_KEYWORDS);
   // The interpreter keeps every kind of C function under one pointer type.
-  found.acquire = reinterpret_cast<PyCFunctionWithKeywords>(
-      reinterpret_cast<void (*)()>(c_function(lock, "acquire", METH_VARARGS | METH_KEYWORDS)));
+  found.acquire = reinterpret_cast<PyCFunctionWithKeywords>(reinterpret_cast<void (*)()>(acquire));
   found.release = c_function(lock, "release", METH_NOARGS);
-  if (found.acquire != nullptr && found.release != nullptr) {
-    found.type = Ref::to(reinterpret_cast<PyObject*>(Py_TYPE(lock.get())));
+  // A subclass may have the methods of its own that `with` calls.
+  if (acquire != nullptr && found.release != nullptr &&
+      c_function(lock, "__enter__", METH_VARARGS | METH_KEYWORDS) == acquire &&
+      c_function(lock, "__exit__", METH_VARARGS) == found.release) {
+    found.type = type_of(lock.get());
   }
   return found;
 }
@@ -77,35 +72,42 @@ bool Entered::leave_failed() {
   return swallowed;
 }
 
-Locks::Locks(const Ref& threading, Ref condition_type)
+Locks::Locks(const Ref& threading, const Ref& condition_type)
     : mutex_(LockType::of(call(attribute(threading, "Lock")))),
       reentrant_(LockType::of(call(attribute(threading, "RLock")))),
-      condition_type_(std::move(condition_type)),
       deque_type_(attribute(import("collections"), "deque")),
       no_arguments_(tuple_of()),
       enter_name_(interned("__enter__")),
       exit_name_(interned("__exit__")),
       lock_name_(interned("_lock")),
       waiters_name_(interned("_waiters")),
-      notify_all_name_(interned("notify_all")),
-      patchable_(checked(PyDict_New)) {
-  if (!PyType_Check(condition_type_.get())) {
-    return;  // replaced before the module was loaded: no short way
+      is_owned_name_(interned("_is_owned")),
+      notify_all_name_(interned("notify_all")) {
+  if (!PyType_Check(condition_type.get())) {
+    return;
   }
-  for (const char* name : {"__enter__", "__exit__", "notify_all", "notify", "__getattribute__"}) {
-    const Ref key = interned(name);
-    const Ref function = attribute_of_type(type_in(condition_type_), key);
-    if (function.get() == nullptr) {
+  const char* const methods[] = {"__enter__", "__exit__", "notify_all", "notify", "_is_owned"};
+  const char* const others[] = {"__getattribute__", "_lock", "_waiters"};
+  const Ref globals = attribute(threading, "__dict__");
+  auto* patchable = patchable_.begin();
+  for (const char* name : methods) {
+    *patchable = {interned(name), attribute_of_type(type_in(condition_type), interned(name))};
+    // Replaced before the module was loaded, or the whole type: another's function.
+    PyObject* function = patchable->second.get();
+    if (function == nullptr || !PyFunction_Check(function) ||
+        PyFunction_GET_GLOBALS(function) != globals.get()) {
       return;
     }
-    checked(PyDict_SetItem, patchable_, key, function);
+    ++patchable;
   }
-  type_version_ = type_in(condition_type_)->tp_version_tag;
-  const Ref fresh = call(condition_type_);
-  if (PyObject** attributes = _PyObject_GetDictPtr(fresh.get());
-      attributes != nullptr && *attributes != nullptr) {
-    attribute_count_ = PyDict_GET_SIZE(*attributes);
+  for (const char* name : others) {
+    *patchable = {interned(name), attribute_of_type(type_in(condition_type), interned(name))};
+    ++patchable;
   }
+  const Ref attributes = attribute(call(condition_type), "__dict__");
+  attribute_count_ = checked(PyDict_Size, attributes);
+  type_version_ = class_version_of(type_in(condition_type));
+  condition_type_ = condition_type;
 }
 
 int Locks::traverse(visitproc visit, void* arg) const {
@@ -113,25 +115,21 @@ int Locks::traverse(visitproc visit, void* arg) const {
   Py_VISIT(reentrant_.type.get());
   Py_VISIT(condition_type_.get());
   Py_VISIT(deque_type_.get());
-  Py_VISIT(patchable_.get());
+  for (const auto& [name, original] : patchable_) {
+    Py_VISIT(original.get());
+  }
   return 0;
 }
 
 bool Locks::condition_type_is_unchanged() const {
   PyTypeObject* type = type_in(condition_type_);
-  if (type->tp_version_tag == type_version_ && type_version_ != 0) {
+  if (class_version_of(type) == type_version_ && type_version_ != 0) {
     return true;
   }
   // Something was set on the type, perhaps only for a while.
-  Py_ssize_t position = 0;
-  PyObject* name = nullptr;
-  PyObject* original = nullptr;
-  while (PyDict_Next(patchable_.get(), &position, &name, &original) != 0) {
-    if (attribute_of_type(type, Ref::to(name)).get() != original) {
-      return false;
-    }
-  }
-  return true;
+  return std::ranges::all_of(patchable_, [&](const auto& each) {
+    return attribute_of_type(type, each.first).get() == each.second.get();
+  });
 }
 
 #if PY_VERSION_HEX < 0x030D0000
@@ -153,21 +151,30 @@ Ref Locks::part_of(Condition& condition, const Ref& /*name*/,
   return Ref::to(condition.*remembered);
 }
 
+bool Locks::is_of_reentrant_lock(const Ref& method) const {
+  return method.get() != nullptr && PyCFunction_Check(method.get()) &&
+         PyCFunction_GET_SELF(method.get()) != nullptr &&
+         reentrant_.is_type_of(PyCFunction_GET_SELF(method.get()));
+}
+
 void Locks::remember_parts(Condition& condition, const Ref& attributes) const {
   const std::uint64_t version = dict_version_of(attributes.get());
   const Ref lock = item(attributes, lock_name_);
   const Ref waiters = item(attributes, waiters_name_);
+  const Ref is_owned = item(attributes, is_owned_name_);
   // Where a look-up ran code that changed the dictionary, nothing is found: the next use looks
   // again.
   const bool found = PyDict_GET_SIZE(attributes.get()) == attribute_count_ &&
                      dict_version_of(attributes.get()) == version;
   condition.dict_version = found ? version : 0;
   condition.lock = found ? lock.get() : nullptr;
-  condition.waiters = found ? waiters.get() : nullptr;
+  condition.waiters = found && is_of_reentrant_lock(is_owned) ? waiters.get() : nullptr;
 }
 
 #else
 
+// Without tags the parts are looked up at each use, and `_is_owned` is taken for granted: looking
+// for that as well would cost 3 % of a reserve+charge pair.
 Ref Locks::part_of(Condition& condition, const Ref& name,
                    PyObject* Condition::* /*remembered*/) const {
   const Ref attributes = Ref::to(plain_attributes(condition));
@@ -195,7 +202,7 @@ PyObject* Locks::plain_attributes(const Condition& condition) const {
 
 Entered Locks::enter(const Ref& lock, Delayed* interrupt) const {
   Ref entered = value_of(lock);
-  if (mutex_.is_type_of(entered)) {
+  if (mutex_.is_type_of(entered.get())) {
     return enter_directly(mutex_, std::move(entered), interrupt);
   }
   const Ref enter = special_method(entered, enter_name_);

@@ -8,6 +8,10 @@
 /// and the wake-all is left out where nobody waits: the two save seven eighths of a reserve+charge
 /// pair.
 
+#include <array>
+#include <cstdint>
+#include <utility>
+
 #include "python_host/error.hpp"
 #include "python_host/fields.hpp"
 #include "python_host/interpreter.hpp"
@@ -21,8 +25,8 @@ struct LockType {
   PyCFunction release = nullptr;
 
   static LockType of(const Ref& lock);
-  bool is_type_of(const Ref& lock) const {
-    return reinterpret_cast<PyObject*>(Py_TYPE(lock.get())) == type.get();
+  bool is_type_of(PyObject* lock) const {
+    return reinterpret_cast<PyObject*>(Py_TYPE(lock)) == type.get();
   }
 };
 
@@ -56,7 +60,7 @@ class Entered {
 /// The locks and the condition type of the host, as they were when the module was loaded.
 class Locks {
  public:
-  Locks(const Ref& threading, Ref condition_type);
+  Locks(const Ref& threading, const Ref& condition_type);
   int traverse(visitproc visit, void* arg) const;
 
   Entered enter(const Ref& lock, Delayed* interrupt) const;
@@ -64,7 +68,7 @@ class Locks {
   /// takes that error, and the lock is taken all the same (on the short way).
   Entered enter(Condition& condition, Delayed* interrupt) const {
     Ref lock = part_of(condition, lock_name_, &Condition::lock);
-    return lock.get() != nullptr && reentrant_.is_type_of(lock)
+    return lock.get() != nullptr && reentrant_.is_type_of(lock.get())
                ? enter_directly(reentrant_, std::move(lock), interrupt)
                : enter(condition.object, interrupt);
   }
@@ -98,24 +102,31 @@ class Locks {
   /// `_lock` or `_waiters` of an exact condition that nobody has patched, neither the object nor
   /// its class; nothing for any other object.
   Ref part_of(Condition& condition, const Ref& name, PyObject* Condition::*remembered) const;
+#if PY_VERSION_HEX < 0x030D0000
+  /// Without waiters where the condition asks anybody else than its lock whether that is owned, as
+  /// each wake-all does.
   void remember_parts(Condition& condition, const Ref& attributes) const;
+  /// Whether it is a method of the host's own reentrant lock; false of null.
+  bool is_of_reentrant_lock(const Ref& method) const;
+#endif
   PyObject* plain_attributes(const Condition& condition) const;
   bool condition_type_is_unchanged() const;
 
   LockType mutex_;
   LockType reentrant_;
-  Ref condition_type_;
+  Ref condition_type_;  ///< Nothing where the short way is closed.
   Ref deque_type_;
   Ref no_arguments_;  ///< The empty tuple.
   Ref enter_name_;
   Ref exit_name_;
   Ref lock_name_;
   Ref waiters_name_;
+  Ref is_owned_name_;
   Ref notify_all_name_;
-  Ref patchable_;  ///< Names and functions of the condition type that the short way leaves out.
-  unsigned type_version_ = 0;  ///< The version tag of the condition type.
-  /// Of a condition that nobody has added to; 0, which none has, where the short way is closed.
-  Py_ssize_t attribute_count_ = 0;
+  /// Names, and what the condition type has under each, or nothing: what the short way leaves out.
+  std::array<std::pair<Ref, Ref>, 8> patchable_;
+  std::uint64_t type_version_ = 0;  ///< Of the condition type, as it was found.
+  Py_ssize_t attribute_count_ = 0;  ///< Of a condition that nobody has added to.
 };
 
 }  // namespace decision_bounds::python

@@ -54,7 +54,7 @@ Ref Python::share_of(GiveBackSlot give_back) const {
   const Ref type = state->global(state->names.share);
   auto* own_type = reinterpret_cast<PyTypeObject*>(state->share_type.get());
   if (type.get() != state->share_type.get() || state->share_version == 0 ||
-      own_type->tp_version_tag != state->share_version) {
+      class_version_of(own_type) != state->share_version) {
     return call(type, Ref::to(give_back.kept_function()));
   }
   Ref share = checked(own_type->tp_alloc, own_type, Py_ssize_t{0});

@@ -4,6 +4,7 @@
 /// is shared with another copy.
 
 #include <array>
+#include <cstdint>
 
 #include "decision_bounds/run_budget.hpp"
 #include "python_host/interpreter.hpp"
@@ -45,10 +46,10 @@ struct State {
   Ref operation_type;
   Ref held_type;            ///< The module's own `_Held`.
   Ref has_default_factory;  ///< What a record's constructor gets for a field with a factory.
-  /// The module's own `Share`, and the version tag that says that it is as it was loaded: then one
-  /// is made without its constructor, which saves a tenth of `hold` and `settle`.
+  /// The module's own `Share`, and its version as it was loaded: while it has that, a share is made
+  /// without its constructor, which saves a tenth of `hold` and `settle`.
   Ref share_type;
-  unsigned share_version = 0;
+  std::uint64_t share_version = 0;
 
   explicit State(PyObject* loaded);
   /// The state of a module that is loaded.

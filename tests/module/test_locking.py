@@ -15,7 +15,7 @@ from typing import Any
 from unittest import mock
 
 from tests.module.support import PATIENCE_S, Background, LoggedCondition, Reply
-from tests.module.support import account, admit, bounds, full_budget, is_free, wait_until
+from tests.module.support import account, admit, bounds, full_budget, is_free, load_copy, wait_until
 
 EXIT_WITH_WAITERS = """
 import math, threading, time
@@ -51,6 +51,10 @@ time.sleep(0.05)
 
 ENTERED = ["enter", "exit"]
 NOTIFIED = ["enter", "notify_all", "exit"]
+
+asks_who_owns = unittest.skipUnless(
+    sys.version_info < (3, 13), "looking for `_is_owned` at each use would cost too much"
+)
 
 
 def rush(work: Callable[[], Any], threads: int = 64) -> None:
@@ -143,6 +147,65 @@ class ConditionsTest(unittest.TestCase):
         budget._changed.notify_all = mock.Mock()
         budget.reserve(3.0)
         budget._changed.notify_all.assert_called_once_with()
+
+    def test_what_a_condition_is_made_of_may_be_replaced(self) -> None:
+        budget = bounds.RunBudget(9, 9)
+        changed = budget._changed
+        read = mock.Mock(side_effect=lambda: vars(changed)["_lock"])
+        with mock.patch.object(
+            threading.Condition, "_lock", property(lambda _: read()), create=True
+        ):
+            budget.summary()
+        self.assertEqual(read.call_count, 2)
+
+    @asks_who_owns
+    def test_whether_the_lock_is_owned_is_asked_of_another(self) -> None:
+        lock = mock.MagicMock()
+        bounds.RunBudget(9, 9, _changed=threading.Condition(lock)).release()
+        lock._is_owned.assert_called_once_with()
+        budget = bounds.RunBudget(9, 9)
+        changed = budget._changed
+        changed._is_owned = mock.Mock(return_value=False)
+        self.assertRaises(RuntimeError, budget.release)
+        self.assertTrue(is_free(changed))
+
+    @unittest.skipUnless(sys.version_info < (3, 11), "later versions tag each state only once")
+    def test_a_patched_class_is_seen_when_version_tags_come_back(self) -> None:
+        budget = bounds.RunBudget(10**6, 10**6)
+        made, init = [], bounds.Share.__init__
+        notify_all = mock.Mock()
+        with mock.patch.object(threading.Condition, "notify_all", notify_all), mock.patch.object(
+            bounds.Share, "__init__", lambda *args: made.append(init(*args))
+        ):
+            sys._clear_type_cache()
+            for number in range(20_000):
+                for kind in (threading.Condition, bounds.Share):
+                    kind.number = number
+                    kind.number  # The look-up gives the class its next tag.
+                budget.hold(1.0).settle(None)
+        for kind in (threading.Condition, bounds.Share):
+            del kind.number
+        self.assertEqual([len(made), notify_all.call_count], [number + 1] * 2)
+
+    def test_types_that_were_replaced_before_loading_are_honoured(self) -> None:
+        entered: list[Any] = []
+
+        class Condition(threading.Condition):
+            def __enter__(self) -> bool:
+                entered.append(self)
+                return super().__enter__()
+
+        class RLock(type(threading.RLock())):  # type: ignore[misc]
+            def __exit__(self, *error: object) -> None:
+                entered.append(self)
+                self.release()
+
+        for kind in (Condition, RLock):
+            with mock.patch.object(threading, kind.__name__, kind):
+                budget = load_copy("decision_bounds").RunBudget(9, 9)
+            budget.summary()
+            self.assertIs(type(entered.pop()), kind)
+            self.assertEqual(entered, [])
 
     def test_locks_of_the_caller_are_used(self) -> None:
         lock = mock.MagicMock()
