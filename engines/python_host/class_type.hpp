@@ -148,11 +148,12 @@ int set_attribute(PyObject* object, PyObject* name, PyObject* value) {
     if (is_field && is_hidden) {
       checked(PyObject_SetAttr, Ref::to(reinterpret_cast<PyObject*>(type)), key, own);
     }
-    return PyObject_GenericSetAttr(object, name, value);
+    return checked(PyObject_GenericSetAttr, object, name, value);
   });
 }
 
-/// What `copy` and `pickle` keep of an object: its dictionary, and its fields by name.
+/// What `copy` and `pickle` keep of an object: its dictionary, and by name its fields and the slots
+/// of a subclass.
 template <typename Bound>
 PyObject* get_state(PyObject* object, PyObject* /*none*/) {
   return entry(static_cast<PyObject*>(nullptr), [&] {
@@ -164,6 +165,16 @@ PyObject* get_state(PyObject* object, PyObject* /*none*/) {
         checked(PyDict_SetItemString, fields, field.name, value);
       }
     });
+    if (const Ref type = type_of(object); !is_exact_type<Bound>(Py_TYPE(object))) {
+      const Ref slots = call_method(interned("_slotnames"), import("copyreg"), type);
+      const Py_ssize_t count = checked(PySequence_Size, slots);
+      for (Py_ssize_t index = 0; index < count; ++index) {
+        const Ref name = checked(PySequence_GetItem, slots, index);
+        if (checked(PyObject_HasAttr, object, name) != 0) {
+          checked(PyObject_SetItem, fields, name, checked(PyObject_GetAttr, object, name));
+        }
+      }
+    }
     const Ref dict = self->dict == nullptr ? Ref::none() : Ref::to(self->dict);
     return tuple_of(dict, fields).release();
   });

@@ -67,6 +67,7 @@ OPERATIONS = ["never", "_nothing", "_wait"] + [
 NamedBudget: Any = dataclasses.make_dataclass(
     "NamedBudget", [("name", str, "nightly")], bases=(bounds.RunBudget,)
 )
+SlottedHeld: Any = type("SlottedHeld", (bounds._Held,), {"__slots__": ("note", "unset")})
 
 
 def described(kind: Any) -> list[tuple[Any, ...]]:
@@ -215,6 +216,9 @@ class RecordsTest(unittest.TestCase):
                 twin = pickle.loads(pickle.dumps(record, protocol))
                 self.assertEqual(repr(twin), repr(record))
                 self.assertEqual(twin.note, ["kept"])
+        noted = SlottedHeld(2, 1.5, 1)
+        noted.note = "kept"
+        self.assertEqual([copy.copy(noted).note, copy.copy(noted).amount], ["kept", 1.5])
         budget = bounds.RunBudget(4, 9, 3)
         for twin in (copy.copy(budget), dataclasses.replace(budget)):
             self.assertEqual(twin, budget)
