@@ -103,9 +103,9 @@ class LifetimeTest(unittest.TestCase):
             max_tokens: int = 9
             calls: int = 0
 
-        Slotted: Any = dataclasses.dataclass(slots=True)(Small)
-        Small = dataclasses.dataclass(Small)
-        for small in (Small(), Small(1, 9), Slotted(), Slotted(1, 9)):
+        slotted: Any = dataclasses.dataclass(slots=True)(Small)
+        plain: Any = dataclasses.dataclass(Small)
+        for small in (plain(), plain(1, 9), slotted(), slotted(1, 9)):
             small.reserve()
             self.assertTrue(small.exhausted())
             small.max_calls = 2
@@ -202,10 +202,10 @@ class LifetimeTest(unittest.TestCase):
                 share.settle(None)
 
         self.addCleanup(gc.set_threshold, *gc.get_threshold())
-        for bound, take in ((bounds.RunBudget(9, 9), lambda it: it.hold(1.0)), (account(), admit)):
+        hold = bounds.RunBudget(9, 9).hold
+        for share in (hold(1.0), admit(account())):
             gc.collect()
             gc.disable()
-            share = take(bound)
             settling: Any = Settling()
             settling.itself = settling
             del settling
