@@ -64,8 +64,8 @@ struct Python {
   }
   Number cost(const Ref& reply) const { return attribute(reply, state->names.cost); }
 
-  /// Runs the block as a `with` statement of the lock does. Returns None where the lock swallows
-  /// the block's error.
+  /// Runs the block as a `with` statement of the lock does. Where the lock swallows the block's
+  /// error, returns None, or false for a block that answers a truth value.
   auto locked(auto& lock, const auto& block) const -> decltype(block());
   void notify_all(Condition& changed) const { state->locks.notify_all(changed); }
 
