@@ -190,7 +190,7 @@ inline PyMethodDef methods_of[] = {
 template <typename Bound>
 Ref set_fields(const Python& /*host*/, const Arguments& arguments) {
   auto& bound = arguments.bound<Bound>();
-  const bool is_exact = is_exact_type<Bound>(Py_TYPE(arguments.self()));
+  const bool is_exact = is_exact_type<Bound>(Py_TYPE(arguments[0]));
   std::size_t index = 0;
   for_each_field<Bound>([&](const auto& field) {
     auto& member = bound.*field.member;
@@ -198,7 +198,7 @@ Ref set_fields(const Python& /*host*/, const Arguments& arguments) {
     if (is_exact) {
       member = std::remove_cvref_t<decltype(member)>(value);
     } else {
-      checked(PyObject_SetAttrString, arguments.self(), field.name, value);
+      checked(PyObject_SetAttrString, arguments[0], field.name, value);
     }
   });
   return Ref::none();

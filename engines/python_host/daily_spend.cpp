@@ -27,15 +27,8 @@ static Ref init(const Python& host, const Arguments& arguments) {
   const Ref held = call(state.global(state.names.held));
   const Ref day = interned("");
   const Ref cost = Number(0.0);
-  PyObject* values[] = {arguments.self(),
-                        arguments.get(1).get(),
-                        arguments.get(2).get(),
-                        arguments.get(3).get(),
-                        changed.get(),
-                        held.get(),
-                        day.get(),
-                        cost.get(),
-                        Py_False};
+  PyObject* values[] = {arguments[0], arguments[1], arguments[2], arguments[3], changed.get(),
+                        held.get(),   day.get(),    cost.get(),   Py_False};
   return set_fields<HostSpend>(host, Arguments(values));
 }
 

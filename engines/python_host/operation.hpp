@@ -19,9 +19,9 @@ class Arguments {
  public:
   explicit Arguments(PyObject* const* values) : values_(values) {}
 
-  /// The object that the operation was called on, the first argument, borrowed.
-  PyObject* self() const { return values_[0]; }
-  /// The bound in it; raises `TypeError` where it has none.
+  /// An argument, borrowed. The first is the object that the operation was called on.
+  PyObject* operator[](std::size_t index) const { return values_[index]; }
+  /// The bound in the first; raises `TypeError` where it has none.
   template <typename Bound>
   Bound& bound() const {
     return bound_of<Bound>(values_[0]);

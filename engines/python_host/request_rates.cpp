@@ -27,7 +27,7 @@ static Ref init(const Python& host, const Arguments& arguments) {
   const Ref cost = call(state.global(state.names.charges));
   const Ref tokens = call(state.global(state.names.charges));
   const Ref features = checked(PySet_New, nullptr);
-  PyObject* values[] = {arguments.self(), lock.get(), cost.get(), tokens.get(), features.get()};
+  PyObject* values[] = {arguments[0], lock.get(), cost.get(), tokens.get(), features.get()};
   return set_fields<HostRates>(host, Arguments(values));
 }
 

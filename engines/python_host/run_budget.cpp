@@ -36,7 +36,7 @@ static Ref init(const Python& host, const Arguments& arguments) {
   constexpr std::size_t condition = field_count<HostBudget>;
   std::array<PyObject*, field_count<HostBudget> + 1> values{};
   for (std::size_t index = 0; index < values.size(); ++index) {
-    values[index] = arguments.get(index).get();
+    values[index] = arguments[index];
   }
   const State& state = *host.state;
   Ref held;

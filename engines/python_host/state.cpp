@@ -34,7 +34,7 @@ void State::remember_surface() {
   has_default_factory = checked(PySequence_GetItem, defaults, Py_ssize_t{-1});
   share_type = global(names.share);
   auto* type = reinterpret_cast<PyTypeObject*>(share_type.get());
-  attribute_of_type(type, interned("__init__"));  // gives the type a version tag
+  attribute_of_type(type, interned("__init__"));  // gives the type a version, on CPython 3.13
   share_version = class_version_of(type);
 }
 
