@@ -83,25 +83,24 @@ Locks::Locks(const Ref& threading, const Ref& condition_type)
       waiters_name_(interned("_waiters")),
       is_owned_name_(interned("_is_owned")),
       notify_all_name_(interned("notify_all")) {
-  if (!PyType_Check(condition_type.get())) {
+  // What was replaced before the module was loaded, or is of a type that was, has no short way.
+  const auto is_function = [](const Ref& found) {
+    return found.get() != nullptr && PyFunction_Check(found.get());
+  };
+  if (!PyType_Check(condition_type.get()) ||
+      !is_function(attribute_of_type(type_in(condition_type), enter_name_))) {
     return;
   }
-  const char* const methods[] = {"__enter__", "__exit__", "notify_all", "notify", "_is_owned"};
-  const char* const others[] = {"__getattribute__", "_lock", "_waiters"};
   const Ref globals = attribute(threading, "__dict__");
   auto* patchable = patchable_.begin();
-  for (const char* name : methods) {
-    *patchable = {interned(name), attribute_of_type(type_in(condition_type), interned(name))};
-    // Replaced before the module was loaded, or the whole type: another's function.
-    PyObject* function = patchable->second.get();
-    if (function == nullptr || !PyFunction_Check(function) ||
-        PyFunction_GET_GLOBALS(function) != globals.get()) {
+  for (const char* name : {"__enter__", "__exit__", "notify_all", "notify", "_is_owned",
+                           "__getattribute__", "_lock", "_waiters"}) {
+    patchable->first = interned(name);
+    patchable->second = attribute_of_type(type_in(condition_type), patchable->first);
+    if (is_function(patchable->second) &&
+        PyFunction_GET_GLOBALS(patchable->second.get()) != globals.get()) {
       return;
     }
-    ++patchable;
-  }
-  for (const char* name : others) {
-    *patchable = {interned(name), attribute_of_type(type_in(condition_type), interned(name))};
     ++patchable;
   }
   const Ref attributes = attribute(call(condition_type), "__dict__");
