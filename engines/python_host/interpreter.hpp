@@ -44,8 +44,8 @@ class Ref {
   explicit Ref(bool value) : object_(Py_NewRef(value ? Py_True : Py_False)) {}
   Ref(const Ref& other) : object_(Py_XNewRef(other.object_)) {}
   Ref(Ref&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
-  // Always inline, also where an error is unwound: a reference whose address is never taken stays
-  // in a register, which saves a tenth of a reserve+charge pair.
+  // Always inline, also where an error is unwound: a reference whose address is never taken can
+  // stay in a register.
   [[gnu::always_inline]] ~Ref() {
     if (object_ != nullptr) {
       drop(object_);

@@ -42,7 +42,7 @@ struct State {
   Ref deadline_and_clock = tuple_of(interned("deadline"), interned("clock"));
   Ref exc_info = tuple_of(interned("exc_info"));
   std::array<Ref, decision_bounds::summary_keys.size()> summary_keys;
-  Ref empty_summary;  ///< Has the keys of a summary. Copying it saves a third of making one.
+  Ref empty_summary;  ///< Has the keys of a summary. A copy of it is made for each.
   Ref operation_type;
   Ref held_type;            ///< The module's own `_Held`.
   Ref has_default_factory;  ///< What a record's constructor gets for a field with a factory.
