@@ -146,7 +146,7 @@ int set_attribute(PyObject* object, PyObject* name, PyObject* value) {
                            (Py_TYPE(found.get())->tp_descr_set == nullptr ||
                             Py_IS_TYPE(found.get(), &PyMemberDescr_Type));
     if (is_field && is_hidden) {
-      checked(PyObject_SetAttr, Ref::to(reinterpret_cast<PyObject*>(type)), key, own);
+      checked(PyObject_SetAttr, as_object(type), key, own);
     }
     return checked(PyObject_GenericSetAttr, object, name, value);
   });

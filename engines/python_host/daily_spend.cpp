@@ -24,7 +24,7 @@ template struct Instance<HostSpend>;
 static Ref init(const Python& host, const Arguments& arguments) {
   const State& state = *host.state;
   const Ref changed = call_method(interned("Condition"), state.threading);
-  const Ref held = call(state.global(state.names.held));
+  const Ref held = call(state.global("_Held"));
   const Ref day = interned("");
   const Ref cost = Number(0.0);
   PyObject* values[] = {arguments[0], arguments[1], arguments[2], arguments[3], changed.get(),

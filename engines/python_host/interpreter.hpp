@@ -136,10 +136,11 @@ inline Ref attribute(const Ref& object, const char* name) {
 }
 inline Ref import(const char* module) { return checked(PyImport_ImportModule, module); }
 
-/// The type of an object, as an object.
-inline Ref type_of(PyObject* object) {
-  return Ref::to(reinterpret_cast<PyObject*>(Py_TYPE(object)));
+inline PyTypeObject* as_type(const Ref& type) {
+  return reinterpret_cast<PyTypeObject*>(type.get());
 }
+inline Ref as_object(PyTypeObject* type) { return Ref::to(reinterpret_cast<PyObject*>(type)); }
+inline Ref type_of(PyObject* object) { return as_object(Py_TYPE(object)); }
 
 #if PY_VERSION_HEX < 0x030D0000
 /// The version tag of a dictionary: every state of every dictionary has one of its own.

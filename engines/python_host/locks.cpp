@@ -11,8 +11,6 @@ namespace decision_bounds::python {
 
 namespace {
 
-PyTypeObject* type_in(const Ref& type) { return reinterpret_cast<PyTypeObject*>(type.get()); }
-
 /// A special method of an object, looked up on its type and bound, as the `with` statement does.
 Ref special_method(const Ref& object, const Ref& name) {
   Ref function = attribute_of_type(Py_TYPE(object.get()), name);
@@ -25,7 +23,7 @@ Ref special_method(const Ref& object, const Ref& name) {
   if (bind == nullptr) {
     return function;
   }
-  return checked(bind, function, object, reinterpret_cast<PyObject*>(Py_TYPE(object.get())));
+  return checked(bind, function, object, type_of(object.get()));
 }
 
 /// The C function behind a bound method of a lock, where it takes its arguments as `flags` say.
@@ -77,18 +75,15 @@ Locks::Locks(const Ref& threading, const Ref& condition_type)
       reentrant_(LockType::of(call(attribute(threading, "RLock")))),
       deque_type_(attribute(import("collections"), "deque")),
       no_arguments_(tuple_of()),
-      enter_name_(interned("__enter__")),
-      exit_name_(interned("__exit__")),
       lock_name_(interned("_lock")),
       waiters_name_(interned("_waiters")),
-      is_owned_name_(interned("_is_owned")),
       notify_all_name_(interned("notify_all")) {
   // What was replaced before the module was loaded, or is of a type that was, has no short way.
   const auto is_function = [](const Ref& found) {
     return found.get() != nullptr && PyFunction_Check(found.get());
   };
   if (!PyType_Check(condition_type.get()) ||
-      !is_function(attribute_of_type(type_in(condition_type), enter_name_))) {
+      !is_function(attribute_of_type(as_type(condition_type), interned("__enter__")))) {
     return;
   }
   const Ref globals = attribute(threading, "__dict__");
@@ -96,7 +91,7 @@ Locks::Locks(const Ref& threading, const Ref& condition_type)
   for (const char* name : {"__enter__", "__exit__", "notify_all", "notify", "_is_owned",
                            "__getattribute__", "_lock", "_waiters"}) {
     patchable->first = interned(name);
-    patchable->second = attribute_of_type(type_in(condition_type), patchable->first);
+    patchable->second = attribute_of_type(as_type(condition_type), patchable->first);
     if (is_function(patchable->second) &&
         PyFunction_GET_GLOBALS(patchable->second.get()) != globals.get()) {
       return;
@@ -105,7 +100,7 @@ Locks::Locks(const Ref& threading, const Ref& condition_type)
   }
   const Ref attributes = attribute(call(condition_type), "__dict__");
   attribute_count_ = checked(PyDict_Size, attributes);
-  type_version_ = class_version_of(type_in(condition_type));
+  type_version_ = class_version_of(as_type(condition_type));
   condition_type_ = condition_type;
 }
 
@@ -121,7 +116,7 @@ int Locks::traverse(visitproc visit, void* arg) const {
 }
 
 bool Locks::condition_type_is_unchanged() const {
-  PyTypeObject* type = type_in(condition_type_);
+  PyTypeObject* type = as_type(condition_type_);
   if (class_version_of(type) == type_version_ && type_version_ != 0) {
     return true;
   }
@@ -160,7 +155,7 @@ void Locks::remember_parts(Condition& condition, const Ref& attributes) const {
   const std::uint64_t version = dict_version_of(attributes.get());
   const Ref lock = item(attributes, lock_name_);
   const Ref waiters = item(attributes, waiters_name_);
-  const Ref is_owned = item(attributes, is_owned_name_);
+  const Ref is_owned = item(attributes, interned("_is_owned"));
   // Where a look-up ran code that changed the dictionary, nothing is found: the next use looks
   // again.
   const bool found = PyDict_GET_SIZE(attributes.get()) == attribute_count_ &&
@@ -191,7 +186,7 @@ PyObject* Locks::plain_attributes(const Condition& condition) const {
   if (condition.object.get() == nullptr) {
     raise_unset_field();
   }
-  if (Py_TYPE(condition.object.get()) != type_in(condition_type_) ||
+  if (Py_TYPE(condition.object.get()) != as_type(condition_type_) ||
       !condition_type_is_unchanged()) {
     return nullptr;
   }
@@ -204,8 +199,8 @@ Entered Locks::enter(const Ref& lock, Delayed* interrupt) const {
   if (mutex_.is_type_of(entered.get())) {
     return enter_directly(mutex_, std::move(entered), interrupt);
   }
-  const Ref enter = special_method(entered, enter_name_);
-  Entered by_exit(special_method(entered, exit_name_));
+  const Ref enter = special_method(entered, interned("__enter__"));
+  Entered by_exit(special_method(entered, interned("__exit__")));
   call(enter);
   return by_exit;
 }

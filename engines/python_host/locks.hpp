@@ -25,9 +25,7 @@ struct LockType {
   PyCFunction release = nullptr;
 
   static LockType of(const Ref& lock);
-  bool is_type_of(PyObject* lock) const {
-    return reinterpret_cast<PyObject*>(Py_TYPE(lock)) == type.get();
-  }
+  bool is_type_of(PyObject* lock) const { return Py_TYPE(lock) == as_type(type); }
 };
 
 /// A lock that was entered, to be left once.
@@ -76,10 +74,9 @@ class Locks {
   /// Wakes all that wait on a condition. The caller has entered it.
   void notify_all(Condition& condition) const {
     const Ref waiters = part_of(condition, waiters_name_, &Condition::waiters);
-    const bool nobody_waits =
-        waiters.get() != nullptr &&
-        reinterpret_cast<PyObject*>(Py_TYPE(waiters.get())) == deque_type_.get() &&
-        Py_SIZE(waiters.get()) == 0;
+    const bool nobody_waits = waiters.get() != nullptr &&
+                              Py_TYPE(waiters.get()) == as_type(deque_type_) &&
+                              Py_SIZE(waiters.get()) == 0;
     if (!nobody_waits) {
       call_method(notify_all_name_, condition.object);
     }
@@ -117,11 +114,8 @@ class Locks {
   Ref condition_type_;  ///< Nothing where the short way is closed.
   Ref deque_type_;
   Ref no_arguments_;  ///< The empty tuple.
-  Ref enter_name_;
-  Ref exit_name_;
   Ref lock_name_;
   Ref waiters_name_;
-  Ref is_owned_name_;
   Ref notify_all_name_;
   /// Names, and what the condition type has under each, or nothing: what the short way leaves out.
   std::array<std::pair<Ref, Ref>, 8> patchable_;

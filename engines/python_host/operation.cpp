@@ -250,7 +250,7 @@ bool is_operation(PyObject* object, Body body) {
 }
 
 Ref make_operation(State* state, const Ref& declared, Body body) {
-  auto* type = reinterpret_cast<PyTypeObject*>(state->operation_type.get());
+  auto* type = as_type(state->operation_type);
   Ref object = checked(type->tp_alloc, type, 0);
   Operation* self = Operation::of(object.get());
   self->vectorcall = vectorcall;

@@ -21,14 +21,14 @@ namespace {
   throw Raised{};
 }
 
-const Ref& name_of(Refusal refusal, const State::Names& names) {
+const char* name_of(Refusal refusal) {
   switch (refusal) {
     case Refusal::timeout:
-      return names.timeout;
+      return "DecisionTimeout";
     case Refusal::stopped:
-      return names.stopped;
+      return "DecisionStopped";
     default:
-      return names.budget_exceeded;
+      return "DecisionBudgetExceeded";
   }
 }
 
@@ -52,7 +52,7 @@ Ref Python::stop_function(const RunBudget<Python>& budget) const {
 
 Ref Python::share_of(GiveBackSlot give_back) const {
   const Ref type = state->global(state->names.share);
-  auto* own_type = reinterpret_cast<PyTypeObject*>(state->share_type.get());
+  PyTypeObject* own_type = as_type(state->share_type);
   if (type.get() != state->share_type.get() || state->share_version == 0 ||
       class_version_of(own_type) != state->share_version) {
     return call(type, Ref::to(give_back.kept_function()));
@@ -83,25 +83,25 @@ Ref Python::summary(const RunBudget<Python>& budget) const {
 }
 
 void Python::refuse(Refusal refusal, const char* text) const {
-  raise(state->global(name_of(refusal, state->names)), text_of(text));
+  raise(state->global(name_of(refusal)), text_of(text));
 }
 
 void Python::refuse(Refusal refusal, const char* text, const Ref& summary) const {
-  const Ref type = state->global(name_of(refusal, state->names));
+  const Ref type = state->global(name_of(refusal));
   raise(type, checked(PyUnicode_Concat, text_of(text), checked(PyObject_Str, summary)));
 }
 
 void Python::refuse(Refusal refusal, const char* text, const Ref& cost, const Ref& cap) const {
-  const Ref type = state->global(name_of(refusal, state->names));
+  const Ref type = state->global(name_of(refusal));
   raise(type, checked(PyUnicode_Format, text_of(text), tuple_of(value_of(cost), value_of(cap))));
 }
 
 void Python::warn(const char* text, const Ref& cost, const Ref& cap) const {
-  call_method(state->names.warning, state->global(state->names.logger), text_of(text), cost, cap);
+  call_method(interned("warning"), state->global("logger"), text_of(text), cost, cap);
 }
 
 void Python::warn_of_error(const char* text, const Ref& day, const Ref& error) const {
-  const Ref warning = attribute(state->global(state->names.logger), state->names.warning);
+  const Ref warning = attribute(state->global("logger"), "warning");
   call_by_name(warning, state->exc_info, text_of(text), day, error);
 }
 

@@ -24,8 +24,8 @@ template struct Instance<HostRates>;
 static Ref init(const Python& host, const Arguments& arguments) {
   const State& state = *host.state;
   const Ref lock = call_method(interned("Lock"), state.threading);
-  const Ref cost = call(state.global(state.names.charges));
-  const Ref tokens = call(state.global(state.names.charges));
+  const Ref cost = call(state.global("_Charges"));
+  const Ref tokens = call(state.global("_Charges"));
   const Ref features = checked(PySet_New, nullptr);
   PyObject* values[] = {arguments[0], lock.get(), cost.get(), tokens.get(), features.get()};
   return set_fields<HostRates>(host, Arguments(values));

@@ -18,11 +18,7 @@ template struct Instance<HostShare>;
 
 constexpr Definition share_operations[] = {
     {"__init__", set_fields<HostShare>},
-    {"settle",
-     [](const Python& /*host*/, const Arguments& arguments) {
-       arguments.bound<HostShare>().settle(arguments.get<Optional>(1));
-       return Ref::none();
-     }},
+    {"settle", method<&HostShare::settle<const Optional&>>},
     {"__enter__",
      [](const Python& /*host*/, const Arguments& arguments) { return arguments.get(0); }},
     {"__exit__",

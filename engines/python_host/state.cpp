@@ -28,12 +28,12 @@ int State::traverse(visitproc visit, void* arg) const {
 }
 
 void State::remember_surface() {
-  held_type = global(names.held);
-  const Ref make_budget = attribute(global(interned("RunBudget")), "__init__");
+  held_type = global("_Held");
+  const Ref make_budget = attribute(global("RunBudget"), "__init__");
   const Ref defaults = attribute(make_budget, "__defaults__");
   has_default_factory = checked(PySequence_GetItem, defaults, Py_ssize_t{-1});
   share_type = global(names.share);
-  auto* type = reinterpret_cast<PyTypeObject*>(share_type.get());
+  PyTypeObject* type = as_type(share_type);
   attribute_of_type(type, interned("__init__"));  // gives the type a version, on CPython 3.13
   share_version = class_version_of(type);
 }

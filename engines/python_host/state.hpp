@@ -13,8 +13,7 @@
 namespace decision_bounds::python {
 
 struct State {
-  /// What is looked up by name: properties of replies, names that the module binds, and what is
-  /// called of the host's.
+  /// The names that the frequent operations look up.
   struct Names {
     Ref cached = interned("cached");
     Ref input_tokens = interned("input_tokens");
@@ -22,13 +21,6 @@ struct State {
     Ref wait = interned("_wait");
     Ref poll_s = interned("_POLL_S");
     Ref share = interned("Share");
-    Ref held = interned("_Held");
-    Ref charges = interned("_Charges");
-    Ref budget_exceeded = interned("DecisionBudgetExceeded");
-    Ref timeout = interned("DecisionTimeout");
-    Ref stopped = interned("DecisionStopped");
-    Ref logger = interned("logger");
-    Ref warning = interned("warning");
     Ref stopping = interned("stopping");
   };
 
@@ -60,6 +52,7 @@ struct State {
 
   /// What the module binds to a name at this moment; raises `NameError` where it binds nothing.
   Ref global(const Ref& name) const;
+  Ref global(const char* name) const { return global(interned(name)); }
 };
 
 }  // namespace decision_bounds::python

@@ -40,11 +40,11 @@ Ref make_class(State* state, const ClassDefinition& definition, const Ref& decla
   Ref type = definition.make_type(state->module);
   // Without the module, as error texts have it.
   checked(PyObject_SetAttrString, type, "__name__", attribute(declared, "__name__"));
-  PyObject* own_dict = reinterpret_cast<PyTypeObject*>(type.get())->tp_dict;
+  PyObject* own_dict = as_type(type)->tp_dict;
   Py_ssize_t position = 0;
   PyObject* key = nullptr;
   PyObject* value = nullptr;
-  PyObject* declared_dict = reinterpret_cast<PyTypeObject*>(declared.get())->tp_dict;
+  PyObject* declared_dict = as_type(declared)->tp_dict;
   while (PyDict_Next(declared_dict, &position, &key, &value) != 0) {
     const Ref name = Ref::to(key);
     const Ref attribute = Ref::to(value);
@@ -87,9 +87,8 @@ Ref make_namespace(PyObject* module) {
   const Ref attributes = checked(PyDict_New);
   checked(PyDict_SetItemString, attributes, "__setitem__",
           checked(PyCFunction_New, &bind_name_definition, module));
-  const Ref type = Ref::to(reinterpret_cast<PyObject*>(&PyType_Type));
-  const Ref dict = Ref::to(reinterpret_cast<PyObject*>(&PyDict_Type));
-  return call(call(type, interned("namespace"), tuple_of(dict), attributes));
+  const Ref bases = tuple_of(as_object(&PyDict_Type));
+  return call(call(as_object(&PyType_Type), interned("namespace"), bases, attributes));
 }
 
 }  // namespace
