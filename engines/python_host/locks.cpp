@@ -11,21 +11,6 @@ namespace decision_bounds::python {
 
 namespace {
 
-/// A special method of an object, looked up on its type and bound, as the `with` statement does.
-Ref special_method(const Ref& object, const Ref& name) {
-  Ref function = attribute_of_type(Py_TYPE(object.get()), name);
-  if (function.get() == nullptr) {
-    PyErr_Format(PyExc_AttributeError, "'%.100s' object has no attribute '%U'",
-                 Py_TYPE(object.get())->tp_name, name.get());
-    throw Raised{};
-  }
-  const descrgetfunc bind = Py_TYPE(function.get())->tp_descr_get;
-  if (bind == nullptr) {
-    return function;
-  }
-  return checked(bind, function, object, type_of(object.get()));
-}
-
 /// The C function behind a bound method of a lock, where it takes its arguments as `flags` say.
 PyCFunction c_function(const Ref& lock, const char* method, int flags) {
   const Ref bound = attribute(lock, method);
@@ -51,6 +36,21 @@ LockType LockType::of(const Ref& lock) {
   return found;
 }
 
+SpecialMethod::SpecialMethod(const Ref& of, const Ref& name)
+    : function_(attribute_of_type(Py_TYPE(of.get()), name)) {
+  if (function_.get() == nullptr) {
+    PyErr_Format(PyExc_AttributeError, "'%.100s' object has no attribute '%U'",
+                 Py_TYPE(of.get())->tp_name, name.get());
+    throw Raised{};
+  }
+  PyTypeObject* const type = Py_TYPE(function_.get());
+  if (PyType_HasFeature(type, Py_TPFLAGS_METHOD_DESCRIPTOR)) {
+    object_ = of;
+  } else if (type->tp_descr_get != nullptr) {
+    function_ = checked(type->tp_descr_get, function_, of, type_of(of.get()));
+  }
+}
+
 bool Entered::leave_failed() {
   Error error = Error::take();
   bool swallowed = false;
@@ -60,8 +60,8 @@ bool Entered::leave_failed() {
       leave();
     } else {
       const Ref traceback = error.traceback();
-      swallowed = truth(call(left_by_, error.type(), error.exception(),
-                             traceback.get() == nullptr ? Ref::none() : traceback));
+      swallowed = truth(exit_(error.type(), error.exception(),
+                              traceback.get() == nullptr ? Ref::none() : traceback));
     }
   }
   if (!swallowed) {
@@ -75,6 +75,9 @@ Locks::Locks(const Ref& threading, const Ref& condition_type)
       reentrant_(LockType::of(call(attribute(threading, "RLock")))),
       deque_type_(attribute(import("collections"), "deque")),
       no_arguments_(tuple_of()),
+      enter_name_(interned("__enter__")),
+      exit_name_(interned("__exit__")),
+      is_owned_name_(interned("_is_owned")),
       lock_name_(interned("_lock")),
       waiters_name_(interned("_waiters")),
       notify_all_name_(interned("notify_all")) {
@@ -83,7 +86,7 @@ Locks::Locks(const Ref& threading, const Ref& condition_type)
     return found.get() != nullptr && PyFunction_Check(found.get());
   };
   if (!PyType_Check(condition_type.get()) ||
-      !is_function(attribute_of_type(as_type(condition_type), interned("__enter__")))) {
+      !is_function(attribute_of_type(as_type(condition_type), enter_name_))) {
     return;
   }
   const Ref globals = attribute(threading, "__dict__");
@@ -155,7 +158,7 @@ void Locks::remember_parts(Condition& condition, const Ref& attributes) const {
   const std::uint64_t version = dict_version_of(attributes.get());
   const Ref lock = item(attributes, lock_name_);
   const Ref waiters = item(attributes, waiters_name_);
-  const Ref is_owned = item(attributes, interned("_is_owned"));
+  const Ref is_owned = item(attributes, is_owned_name_);
   // Where a look-up ran code that changed the dictionary, nothing is found: the next use looks
   // again.
   const bool found = PyDict_GET_SIZE(attributes.get()) == attribute_count_ &&
@@ -199,9 +202,9 @@ Entered Locks::enter(const Ref& lock, Delayed* interrupt) const {
   if (mutex_.is_type_of(entered.get())) {
     return enter_directly(mutex_, std::move(entered), interrupt);
   }
-  const Ref enter = special_method(entered, interned("__enter__"));
-  Entered by_exit(special_method(entered, interned("__exit__")));
-  call(enter);
+  const SpecialMethod enter(entered, enter_name_);
+  Entered by_exit(SpecialMethod(entered, exit_name_));
+  enter();
   return by_exit;
 }
 

@@ -28,19 +28,38 @@ struct LockType {
   bool is_type_of(PyObject* lock) const { return Py_TYPE(lock) == as_type(type); }
 };
 
+/// A special method of an object, looked up on its type as the `with` statement does it. Calling it
+/// makes no bound method, for which there may be no memory: a call could then not give back what it
+/// holds.
+class SpecialMethod {
+ public:
+  SpecialMethod() = default;
+  SpecialMethod(const Ref& of, const Ref& name);
+
+  template <typename... Arguments>
+  Ref operator()(const Arguments&... arguments) const {
+    return object_.get() == nullptr ? call(function_, arguments...)
+                                    : call(function_, object_, arguments...);
+  }
+
+ private:
+  Ref function_;
+  Ref object_;  ///< Nothing where the function has been bound to it.
+};
+
 /// A lock that was entered, to be left once.
 class Entered {
  public:
-  Entered(Ref lock, PyCFunction release) : left_by_(std::move(lock)), release_(release) {}
-  explicit Entered(Ref exit) : left_by_(std::move(exit)) {}
+  Entered(Ref lock, PyCFunction release) : lock_(std::move(lock)), release_(release) {}
+  explicit Entered(SpecialMethod exit) : exit_(std::move(exit)) {}
 
   /// Leaves where the block ended well.
   void leave() {
     left_ = true;
     if (release_ != nullptr) {
-      checked(release_, left_by_, nullptr);
+      checked(release_, lock_, nullptr);
     } else {
-      call(left_by_, Ref::none(), Ref::none(), Ref::none());
+      exit_(Ref::none(), Ref::none(), Ref::none());
     }
   }
   bool is_left() const { return left_; }
@@ -50,8 +69,9 @@ class Entered {
   bool leave_failed();
 
  private:
-  Ref left_by_;  ///< The lock on the short way, its bound `__exit__` on the other.
-  PyCFunction release_ = nullptr;  ///< Of the lock on the short way.
+  Ref lock_;
+  PyCFunction release_ = nullptr;  ///< Null where the lock was not taken the short way.
+  SpecialMethod exit_;             ///< Leaves it then.
   bool left_ = false;
 };
 
@@ -113,7 +133,12 @@ class Locks {
   LockType reentrant_;
   Ref condition_type_;  ///< Nothing where the short way is closed.
   Ref deque_type_;
+  // None of these is made where it is used: a settle that finds no memory for it would lose what
+  // its share holds.
   Ref no_arguments_;  ///< The empty tuple.
+  Ref enter_name_;
+  Ref exit_name_;
+  Ref is_owned_name_;
   Ref lock_name_;
   Ref waiters_name_;
   Ref notify_all_name_;
