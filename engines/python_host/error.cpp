@@ -64,7 +64,11 @@ void Delayed::raise() {
 }
 
 void add_caller_to_traceback() {
-  if (PyFrameObject* caller = PyEval_GetFrame()) {
+  // Where there is no memory for the frame's object, asking for it clears the error that is set.
+  Error error = Error::take();
+  PyFrameObject* const caller = PyEval_GetFrame();
+  error.restore();
+  if (caller != nullptr) {
     shielded([&] { PyTraceBack_Here(caller); });
   }
 }
