@@ -11,9 +11,6 @@ import unittest
 LONG = os.environ.get("DECISION_BOUNDS_FAULTS") == "long"
 PATIENCE_S = 600.0
 
-# Faults that the module is known to have. One that is mended is told by an "unexpected success".
-known_fault = unittest.expectedFailure
-
 
 def run(*arguments: str, **environment: str) -> subprocess.CompletedProcess[str]:
     """Run the interpreter with these arguments to its end."""
