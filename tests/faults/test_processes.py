@@ -55,37 +55,6 @@ share.settle(None)
 assert budget == first.RunBudget(9, 9)
 """
 
-# Interpreters beside the main one use the module and end; a later host keeps it to the main one.
-SUBINTERPRETERS = """
-import sys
-try:
-    import _interpreters as interpreters
-except ImportError:
-    import _xxsubinterpreters as interpreters
-from engines import decision_bounds as bounds
-kept = bounds.RunBudget(9, 9)
-share = kept.hold(3.0)
-work = '''
-import sys
-try:
-    from engines import decision_bounds as bounds
-except ImportError:
-    assert sys.version_info >= (3, 12)
-else:
-    budget = bounds.RunBudget(9, 9)
-    with budget.hold(3.0) as share:
-        assert type(share) is bounds.Share
-    assert budget == bounds.RunBudget(9, 9)
-    left = budget.hold(1.0)
-'''
-for _ in range({loads}):
-    made = interpreters.create()
-    interpreters.run_string(made, work)
-    interpreters.destroy(made)
-share.settle(None)
-assert kept == bounds.RunBudget(9, 9)
-"""
-
 
 class ProcessesTest(ProcessTest):
     def test_exits_while_threads_wait(self) -> None:
@@ -103,4 +72,4 @@ class ProcessesTest(ProcessTest):
         self.ends_well("-c", LOADS.format(loads=200 if LONG else 10))
 
     def test_interpreters_beside_the_main_one(self) -> None:
-        self.ends_well("-c", SUBINTERPRETERS.format(loads=50 if LONG else 3))
+        self.ends_well("-m", "tests.faults.interpreters", "50" if LONG else "2")
