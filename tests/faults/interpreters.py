@@ -48,6 +48,9 @@ class Reply:
 class Interpreter:
     """An interpreter beside the main one."""
 
+    _execute: Any
+    close: Any
+
     def __init__(self) -> None:
         if sys.version_info >= (3, 14):
             made = importlib.import_module("concurrent.interpreters").create()

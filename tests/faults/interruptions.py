@@ -47,9 +47,9 @@ class Calls:
             (admit, (lambda: math.inf,)),
         ]
         self._shares: list[Any] = []
-        self._guard = threading.Lock()
-        self._can_be_struck = False
-        self._is_struck = False
+        # Holds one thing while the calls can be struck; who takes it out strikes, or ends that. It is no
+        # lock, which a strike between its taking and the `with` block would leave taken.
+        self._chance: list[bool] = []
         self._is_settling = False
         self.strikes = 0
 
@@ -69,35 +69,34 @@ class Calls:
     def run(self) -> None:
         """Make the calls once, to their end or to where a strike ends them."""
         try:
-            self._can_be_struck = True
+            self._chance.append(True)
             self.settle()
             self._call()
-            with self._guard:
-                self._can_be_struck = False
-            while self._is_struck:
+            while not self._take_chance():
                 time.sleep(0)  # The strike is on its way.
         except Strike:
             self.strikes += 1
         except RuntimeError as error:
             if str(error) != NOT_TAKEN_BACK:
                 raise
-        self._is_struck = False
+
+    def _take_chance(self) -> bool:
+        try:
+            return self._chance.pop()
+        except IndexError:
+            return False
 
     def strike(self, how: Callable[[], object]) -> None:
         """Strike once, if the calls are being made."""
-        with self._guard:
-            if self._can_be_struck:
-                self._can_be_struck = False
-                self._is_struck = True
-                how()
+        if self._take_chance():
+            how()
 
     def strike_from_handler(self, *_signal: object) -> None:
         """Strike the thread that this runs in, unless it settles.
 
         A signal that comes while a settle waits for the lock is a test of its own.
         """
-        if self._can_be_struck and not self._is_settling:
-            self._can_be_struck = False
+        if not self._is_settling and self._take_chance():
             raise Strike
 
 
