@@ -104,6 +104,10 @@ class _Held:
 
     An infinite share, of a call whose use is not known, is unbounded and runs alone. There is no
     lock: the bound that owns the record calls each operation with its own lock held.
+
+    - ``holders``: calls that hold a share.
+    - ``amount``: the sum of the finite shares.
+    - ``unbounded``: how many of the shares are infinite.
     """
 
     holders: int = 0
@@ -138,6 +142,9 @@ class _Charges:
     """The most that one paid reply came to (USD or input tokens): per byte of its request, and whole.
 
     Neither maximum ever falls. There is no lock: the owner's guards the record.
+
+    - ``per_byte``: the most per byte of a request.
+    - ``per_call``: the most of a whole reply.
     """
 
     per_byte: float = 0.0
@@ -187,8 +194,7 @@ class RunBudget:
     - ``cost``: cost of the paid replies, USD.
     - ``cache_hits``: cached replies recorded.
     - ``in_flight``: calls admitted and not yet settled.
-    - ``should_stop``: asked for whether the pass is to stop, by each call on
-      entry and while it waits.
+    - ``should_stop``: whether the pass is to stop; asked by each call on entry and while it waits.
     """
 
     max_calls: int

@@ -12,6 +12,7 @@
 #include "python_host/fields.hpp"
 #include "python_host/instance.hpp"
 #include "python_host/interpreter.hpp"
+#include "python_host/meaning.hpp"
 #include "python_host/operation.hpp"
 #include "python_host/surface.hpp"
 
@@ -116,7 +117,7 @@ template <typename Bound, std::size_t... index>
 constexpr auto make_descriptors(std::index_sequence<index...> /*fields*/) {
   return std::array{
       PyGetSetDef{std::get<index>(ClassOf<Bound>::fields).name, get_field<Bound, index>,
-                  set_field<Bound, index>, nullptr, nullptr}...,
+                  set_field<Bound, index>, documentation_of<Bound, index>.data(), nullptr}...,
       PyGetSetDef{"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
       PyGetSetDef{}};
 }

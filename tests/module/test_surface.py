@@ -7,6 +7,7 @@ import copy
 import dataclasses
 import inspect
 import pickle
+import pydoc
 import threading
 import typing
 import unittest
@@ -158,6 +159,23 @@ class SurfaceTest(unittest.TestCase):
             # A record without a text of its own would show its signature there.
             self.assertTrue(kind.__doc__ and not kind.__doc__.startswith(f"{name}("))
             typing.get_type_hints(kind)
+
+    @extension_only
+    def test_help_says_what_each_public_name_means(self) -> None:
+        for name in CLASSES:
+            kind = getattr(bounds, name)
+            told = pydoc.plain(pydoc.render_doc(kind))
+            public = {each for each in vars(kind) if not each.startswith("_")}
+            for each in public:
+                with self.subTest(name, name=each):
+                    meaning = vars(kind)[each].__doc__ or ""
+                    self.assertRegex(meaning, r"\w+ \w+")
+                    self.assertIn(meaning.splitlines()[0], told)
+                    if inspect.isdatadescriptor(vars(kind)[each]):
+                        self.assertIn(f"- ``{each}``: {meaning}\n", kind.__doc__)
+            if name in RECORDS:
+                fields = {field.name for field in dataclasses.fields(kind)}
+                self.assertLessEqual({each for each in fields if each[0] != "_"}, public)
 
     @extension_only
     def test_every_name_says_that_it_is_of_this_module(self) -> None:
