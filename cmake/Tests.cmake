@@ -71,6 +71,7 @@ add_python_test(example "${with_examples}" discover -s tests/example -t .)
 add_python_test(readme "${with_examples}" discover -s tests/readme -t .)
 add_python_test(walks "${PROJECT_BINARY_DIR}" discover -s tests/walks -t .)
 add_python_test(faults "${PROJECT_BINARY_DIR}" discover -s tests/faults -t .)
+add_python_test(hammer "${PROJECT_BINARY_DIR}" discover -s tests/hammer -t .)
 # What the other examples need of the package index is left to `scripts/check`.
 add_python_test(in_order "${with_examples}" discover -s examples/in_order/tests -t .)
 add_python_test(asyncio_pass "${with_examples}" examples.asyncio_pass.tests.test_admission
@@ -78,4 +79,5 @@ add_python_test(asyncio_pass "${with_examples}" examples.asyncio_pass.tests.test
 if(NOT DECISION_BOUNDS_SANITIZERS)
     # The same tests on the twin in plain Python: an expectation that both share is no accident of either.
     add_python_test(plain "${PROJECT_SOURCE_DIR}/tests/twin" discover -s tests/module -t .)
+    add_python_test(hammer_plain "${PROJECT_SOURCE_DIR}/tests/twin" discover -s tests/hammer -t .)
 endif()

@@ -9,6 +9,7 @@ from __future__ import annotations
 
 import logging
 import math
+import sys
 import threading
 from collections.abc import Callable
 from dataclasses import dataclass, field
@@ -22,6 +23,9 @@ _POLL_S = 0.1
 from engines.decision_errors import DecisionError, DecisionBudgetExceeded, DecisionUnavailable
 from engines.decision_errors import DecisionTimeout, DecisionStopped, PaidReply, never, _nothing
 
+_HAS_GLOBAL_LOCK: bool = getattr(sys, "_is_gil_enabled", lambda: True)()
+_settling = threading.Lock()
+
 
 class Share:
     """What one admitted call holds of one bound; leaving its ``with`` block gives it back."""
@@ -31,8 +35,12 @@ class Share:
 
     def settle(self, reply: PaidReply | None) -> None:
         """Give the share back, once, with the paid reply or with none when there is none."""
-        # Nothing is called between the read and the store, so no other thread comes between them.
-        give_back, self._give_back = self._give_back, None
+        if _HAS_GLOBAL_LOCK:
+            # Nothing is called between the read and the store: no other thread comes between them.
+            give_back, self._give_back = self._give_back, None
+        else:
+            with _settling:
+                give_back, self._give_back = self._give_back, None
         if give_back is not None:
             give_back(reply)
 
