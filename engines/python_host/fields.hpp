@@ -138,7 +138,12 @@ struct RecordField : Ref {
     using Result = decltype((std::declval<Record&>().*operation)(arguments...));
     const Ref record = value_of(*this);
     if (auto* exact = exact_bound<Record>(record.get())) {
-      return (exact->*operation)(arguments...);
+      // The arguments may be fields of the owner.
+      const auto use_exact = [&](const auto&... steady_arguments) {
+        const Section section(record.get());
+        return (exact->*operation)(steady_arguments...);
+      };
+      return use_exact(steady(arguments)...);
     }
     Ref answer = call_method(interned(method), record, Ref(arguments)...);
     if constexpr (std::is_same_v<Result, bool>) {

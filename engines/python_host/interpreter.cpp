@@ -18,19 +18,17 @@ void raise_unset_field() {
 
 bool truth(const Ref& value) { return checked(PyObject_IsTrue, value_of(value)) != 0; }
 
-Ref item(const Ref& dictionary, const Ref& key) {
-  Ref found =
-      Ref::to(shielded([&] { return PyDict_GetItemWithError(dictionary.get(), key.get()); }));
-  if (found.get() == nullptr && PyErr_Occurred() != nullptr) {
-    throw Raised{};
-  }
-  return found;
+Ref found(PyObject* object) {
+  return object == nullptr && PyErr_Occurred() == nullptr ? Ref() : Ref::owned(object);
 }
 
-// `_PyType_Lookup` is the interpreter's own name for what it does at each use of a special method;
-// its public functions would read the attribute, and bind a method to the type.
+Ref item(const Ref& dictionary, const Ref& key) {
+  return found(shielded([&] { return new_item(dictionary.get(), key.get()); }));
+}
+
 Ref attribute_of_type(PyTypeObject* type, const Ref& name) {
-  return Ref::to(_PyType_Lookup(type, name.get()));
+  PyObject* found = new_type_attribute(type, name.get());
+  return found == nullptr ? Ref() : Ref::owned(found);
 }
 
 }  // namespace decision_bounds::python

@@ -2,15 +2,14 @@
 
 /// References to the interpreter's objects, and calls into the interpreter.
 
-#define PY_SSIZE_T_CLEAN
-#include <Python.h>
-
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <structmember.h>
 #include <type_traits>
 #include <utility>
+
+#include "python_host/global_lock.hpp"
 
 namespace decision_bounds::python {
 
@@ -161,9 +160,12 @@ inline std::uint64_t class_version_of(PyTypeObject* type) {
   // same tags again.
   return dict_version_of(type->tp_dict);
 #else
-  return type->tp_version_tag;
+  return version_tag_of(type);
 #endif
 }
+
+/// What a look-up returned: a new reference, or nothing where it is null and no error is set.
+Ref found(PyObject* object);
 
 /// What a dictionary holds under a key, or nothing. The look-up may run code, since a key of the
 /// dictionary may be an object with an `==` of its own: the caller owns the dictionary.

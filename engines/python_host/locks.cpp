@@ -135,7 +135,11 @@ bool Locks::condition_type_is_unchanged() const {
 // a seventh of a reserve+release pair.
 Ref Locks::part_of(Condition& condition, const Ref& /*name*/,
                    PyObject* Condition::*remembered) const {
-  PyObject* attributes = plain_attributes(condition);
+  if (!is_plain(condition.object)) {
+    return {};
+  }
+  PyObject** place = _PyObject_GetDictPtr(condition.object.get());
+  PyObject* attributes = place == nullptr ? nullptr : *place;
   if (attributes == nullptr) {
     return {};
   }
@@ -174,7 +178,11 @@ void Locks::remember_parts(Condition& condition, const Ref& attributes) const {
 // for that as well would cost 3 % of a reserve+charge pair.
 Ref Locks::part_of(Condition& condition, const Ref& name,
                    PyObject* Condition::* /*remembered*/) const {
-  const Ref attributes = Ref::to(plain_attributes(condition));
+  const auto& object = steady(condition.object);
+  if (!is_plain(object)) {
+    return {};
+  }
+  const Ref attributes = found(new_dict(object.get()));
   if (attributes.get() == nullptr || PyDict_GET_SIZE(attributes.get()) != attribute_count_) {
     return {};
   }
@@ -183,18 +191,11 @@ Ref Locks::part_of(Condition& condition, const Ref& name,
 
 #endif
 
-/// The `__dict__` of an exact condition whose class nobody has patched, borrowed; null for any
-/// other object.
-PyObject* Locks::plain_attributes(const Condition& condition) const {
-  if (condition.object.get() == nullptr) {
+bool Locks::is_plain(const Ref& condition) const {
+  if (condition.get() == nullptr) {
     raise_unset_field();
   }
-  if (Py_TYPE(condition.object.get()) != as_type(condition_type_) ||
-      !condition_type_is_unchanged()) {
-    return nullptr;
-  }
-  PyObject** place = _PyObject_GetDictPtr(condition.object.get());
-  return place == nullptr ? nullptr : *place;
+  return Py_TYPE(condition.get()) == as_type(condition_type_) && condition_type_is_unchanged();
 }
 
 Entered Locks::enter(const Ref& lock, Delayed* interrupt) const {

@@ -96,7 +96,7 @@ class Locks {
     const Ref waiters = part_of(condition, waiters_name_, &Condition::waiters);
     const bool nobody_waits = waiters.get() != nullptr &&
                               Py_TYPE(waiters.get()) == as_type(deque_type_) &&
-                              Py_SIZE(waiters.get()) == 0;
+                              size_of(waiters.get()) == 0;
     if (!nobody_waits) {
       call_method(notify_all_name_, condition.object);
     }
@@ -126,7 +126,9 @@ class Locks {
   /// Whether it is a method of the host's own reentrant lock; false of null.
   bool is_of_reentrant_lock(const Ref& method) const;
 #endif
-  PyObject* plain_attributes(const Condition& condition) const;
+  /// Whether it is an exact condition whose class nobody has patched. Raises `AttributeError` where
+  /// it is nothing.
+  bool is_plain(const Ref& condition) const;
   bool condition_type_is_unchanged() const;
 
   LockType mutex_;

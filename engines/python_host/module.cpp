@@ -52,6 +52,10 @@ PyModuleDef_Slot slots[] = {
     // kept outside of a module's state.
     {Py_mod_multiple_interpreters, Py_MOD_PER_INTERPRETER_GIL_SUPPORTED},
 #endif
+#if PY_VERSION_HEX >= 0x030E0000
+    // Not before: without the lock, CPython 3.13 has hung at exit.
+    {Py_mod_gil, Py_MOD_GIL_NOT_USED},
+#endif
     {0, nullptr},
 };
 

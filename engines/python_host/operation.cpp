@@ -49,7 +49,7 @@ void dealloc(PyObject* object) {
   PyTypeObject* type = Py_TYPE(object);
   PyObject_GC_UnTrack(object);
   Operation* self = Operation::of(object);
-  if (self->weak_references != nullptr) {
+  if (may_have_weak_references(self->weak_references)) {
     PyObject_ClearWeakRefs(object);
   }
   Py_CLEAR(self->dict);

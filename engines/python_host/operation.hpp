@@ -69,6 +69,7 @@ decltype(auto) argument_for(const Python& host, const Arguments& arguments, std:
 template <auto operation, typename Bound, typename... Parameters>
 Ref call_operation(const Python& host, const Arguments& arguments) {
   auto& bound = arguments.bound<Bound>();
+  const Section section(arguments[0]);
   return [&]<std::size_t... index>(std::index_sequence<index...> /*parameters*/) {
     return returned([&] {
       return (bound.*operation)(argument_for<Parameters>(host, arguments, index + 1)...);

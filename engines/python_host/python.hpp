@@ -118,8 +118,15 @@ inline void HeldRecord::take_or_nothing(const Number& share) const {
     return use<&Held<Python>::take_or_nothing>("take", share);
   }
   const Ref record = *this;
-  const Held<Python> before = *derived;
-  on_failure([&] { use<&Held<Python>::take>("take", share); }, [&] { *derived = before; });
+  const Held<Python> before = [&] {
+    const Section section(record.get());
+    return *derived;
+  }();
+  on_failure([&] { use<&Held<Python>::take>("take", share); },
+             [&] {
+               const Section section(record.get());
+               *derived = before;
+             });
 }
 
 inline void HeldRecord::give_back(const Number& share) const {
@@ -163,6 +170,7 @@ template <typename Bound>
 void end_call(State* state, PyObject* owner, const Number& amount, const Optional& reply) {
   Delayed interrupt;
   try {
+    const Section section(owner);
     Instance<Bound>::of(owner)->bound.give_back(amount, reply, Python{state, &interrupt});
   } catch (const Raised&) {
   }

@@ -23,7 +23,9 @@ constexpr Definition share_operations[] = {
      [](const Python& /*host*/, const Arguments& arguments) { return arguments.get(0); }},
     {"__exit__",
      [](const Python& /*host*/, const Arguments& arguments) {
-       arguments.bound<HostShare>().settle(Optional(Ref::none()));
+       auto& share = arguments.bound<HostShare>();
+       const Section section(arguments[0]);
+       share.settle(Optional(Ref::none()));
        return Ref::none();
      }},
 };
