@@ -212,7 +212,8 @@ def shares_settled() -> Any:
 @race
 def shares_settled_and_read() -> Any:
     def look(share: Any) -> None:
-        assert share._give_back is None or callable(share._give_back)
+        give_back = share._give_back
+        assert give_back is None or callable(give_back)
 
     return shares(look, gc.get_referents)
 
