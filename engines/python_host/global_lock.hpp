@@ -54,6 +54,14 @@ inline Py_ssize_t size_of(PyObject* object) {
   return __atomic_load_n(&reinterpret_cast<PyVarObject*>(object)->ob_size, __ATOMIC_RELAXED);
 }
 
+/// Spares the threads that use an object the counting of their references, for which they would wait
+/// for each other. Such an object is ended by the cycle collector alone.
+inline void count_no_uses_of([[maybe_unused]] PyObject* object) {
+#if PY_VERSION_HEX >= 0x030E0000
+  PyUnstable_Object_EnableDeferredRefcount(object);
+#endif
+}
+
 /// Whether an object that ends may have weak references, in the list that it keeps of them. Another
 /// thread may be ending one.
 inline bool may_have_weak_references(const PyObject* /*list*/) { return true; }
@@ -82,6 +90,7 @@ inline PyObject* new_dict(PyObject* object) {
 }
 inline std::uint64_t version_tag_of(const PyTypeObject* type) { return type->tp_version_tag; }
 inline Py_ssize_t size_of(PyObject* object) { return Py_SIZE(object); }
+inline void count_no_uses_of(PyObject* /*object*/) {}
 inline bool may_have_weak_references(const PyObject* list) { return list != nullptr; }
 
 #endif

@@ -2,6 +2,9 @@
 
 /// References to the interpreter's objects, and calls into the interpreter.
 
+#define PY_SSIZE_T_CLEAN
+#include <Python.h>
+
 #include <concepts>
 #include <cstddef>
 #include <cstdint>

@@ -269,6 +269,7 @@ Ref make_operation(State* state, const Ref& declared, Body body) {
     PyErr_SetString(PyExc_SystemError, "an operation has too many parameters");
     throw Raised{};
   }
+  count_no_uses_of(object.get());
   return object;
 }
 
