@@ -80,6 +80,7 @@ add_python_test(readme "${with_examples}" discover -s tests/readme -t .)
 add_python_test(walks "${PROJECT_BINARY_DIR}" discover -s tests/walks -t .)
 add_python_test(faults "${PROJECT_BINARY_DIR}" discover -s tests/faults -t .)
 add_python_test(hammer "${PROJECT_BINARY_DIR}" discover -s tests/hammer -t .)
+add_python_test(fuzz "${PROJECT_BINARY_DIR}" discover -s tests/fuzz -t .)
 # What the other examples need of the package index is left to `scripts/check`.
 add_python_test(in_order "${with_examples}" discover -s examples/in_order/tests -t .)
 add_python_test(asyncio_pass "${with_examples}" examples.asyncio_pass.tests.test_admission

@@ -1,6 +1,6 @@
 """Hostile programs against the module, for as long as asked.
 
-    PYTHONPATH=build/release python -m tests.fuzz --minutes 60
+    PYTHONPATH=build/release python -m tests.fuzz --seconds 3600
 
 A program that crashes is cut to its shortest and printed. In a file, it is run again by ``--replay``.
 """
@@ -24,7 +24,7 @@ MOST_TOLD = 6000  # Characters of what a process wrote.
 def main() -> int:
     """Run the programs and print what is wrong. The exit status is 1 where anything is."""
     parser = argparse.ArgumentParser(prog="python -m tests.fuzz", description=__doc__)
-    parser.add_argument("--minutes", type=float, default=1.0, help="for how long")
+    parser.add_argument("--seconds", type=float, default=60.0, help="for how long")
     parser.add_argument("--first", type=int, default=0, help="the first seed")
     parser.add_argument("--programs", type=int, default=10**9, help="how many at most")
     parser.add_argument("--replay", type=Path, help="run the program in this file alone")
@@ -37,7 +37,7 @@ def main() -> int:
         wrong, told = run(program_in(options.replay.read_text()), ends_early=False)
         print(wrong, told[:MOST_TOLD], sep="\n")
         return 1 if wrong else 0
-    end = time.monotonic() + 60.0 * options.minutes
+    end = time.monotonic() + options.seconds
     endings: collections.Counter[str] = collections.Counter()
     for seed in range(options.first, options.first + options.programs):
         if time.monotonic() >= end:

@@ -195,6 +195,8 @@ class Hostile:
 
     def thread(self, reaction: str) -> None:
         """Run a reaction on another thread, beside what follows if it takes long."""
+        if sys.is_finalizing():
+            return  # No thread would start.
         beside = threading.Thread(target=self.react, args=(reaction,), daemon=True)
         beside.start()
         beside.join(JOIN_S)
@@ -213,6 +215,8 @@ class Hostile:
 
     def elsewhere(self) -> None:
         """Use the module in another interpreter of this process, which then ends."""
+        if sys.is_finalizing():
+            return
         interpreters: Any = importlib.import_module("_xxsubinterpreters")
         interpreters.run_string(interpreters.create(), ELSEWHERE)
         self.end_interpreters()
