@@ -84,10 +84,12 @@ def run_threads(
     runs = [Run() for _ in range(count)]
     # Threads that are at work already would hold up the start of the others.
     begin = threading.Event()
-    threads = [
-        threading.Thread(target=lambda run=each: begin.wait() and calls(budget, ended, run))
-        for each in runs
-    ]
+
+    def make_calls(run: Run) -> None:
+        begin.wait()
+        calls(budget, ended, run)
+
+    threads = [threading.Thread(target=make_calls, args=(each,)) for each in runs]
     for thread in threads:
         thread.start()
     start = time.perf_counter()

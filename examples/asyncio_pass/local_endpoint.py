@@ -3,14 +3,14 @@
 from __future__ import annotations
 
 import signal
+from collections.abc import Generator
 from contextlib import contextmanager, suppress
 from multiprocessing import get_context
 from multiprocessing.connection import Connection
-from typing import Iterator
 
 
 @contextmanager
-def local_endpoint() -> Iterator[str]:
+def local_endpoint() -> Generator[str, None, None]:
     """Serve it while the block lasts, and give its URL."""
     processes = get_context("spawn")
     ours, its = processes.Pipe()

@@ -8,7 +8,7 @@ from dataclasses import dataclass
 from types import TracebackType
 from typing import Any
 
-import aiohttp  # type: ignore[import]
+import aiohttp
 
 _TIMEOUT_S = 1.0
 _REFUSED = 429  # The endpoint is known not to bill what it answers with this status.

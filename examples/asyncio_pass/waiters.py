@@ -16,15 +16,19 @@ class Call(Protocol):
 
     def attempt(self) -> Share:
         """Ask the bound, by the operation that would wait on a thread."""
+        ...
 
     def alone(self) -> bool:
         """Whether the share that it last asked for is infinite, and so held beside no other."""
+        ...
 
     def stopping(self) -> bool:
         """Whether its pass is to stop."""
+        ...
 
     def left_s(self) -> float | None:
         """The seconds until its deadline, if it has one."""
+        ...
 
 
 class Waiter:

@@ -6,7 +6,6 @@ import asyncio
 import threading
 import time
 from collections import OrderedDict
-from functools import partial
 from typing import Any, Callable
 
 from engines import decision_bounds
@@ -104,7 +103,7 @@ class Turn:
     async def __aenter__(self) -> None:
         loop = asyncio.get_running_loop()
         called: asyncio.Future[None] = loop.create_future()
-        self._wake = partial(loop.call_soon_threadsafe, _complete, called)
+        self._wake = lambda: loop.call_soon_threadsafe(_complete, called)
         try:
             if not self._turnstile.join(self):
                 polls = _Polls(self, called)

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 from abc import ABC, abstractmethod
-from collections.abc import Iterator
+from collections.abc import Generator
 from contextlib import contextmanager
 from dataclasses import astuple
 from typing import Any
@@ -95,7 +95,7 @@ class Store(ABC):
         """A new connection, in which each statement is a transaction unless one is begun."""
 
     @contextmanager
-    def _transaction(self) -> Iterator[None]:
+    def _transaction(self) -> Generator[None, None, None]:
         """A transaction around the block, with the tables there; raises ``StoreUnreachable``."""
         self.transactions += 1
         try:

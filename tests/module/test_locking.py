@@ -173,17 +173,18 @@ class ConditionsTest(unittest.TestCase):
     def test_a_patched_class_is_seen_when_version_tags_come_back(self) -> None:
         budget = bounds.RunBudget(10**6, 10**6)
         made, init = [], bounds.Share.__init__
+        kinds: tuple[Any, ...] = (threading.Condition, bounds.Share)
         notify_all = mock.Mock()
         with mock.patch.object(threading.Condition, "notify_all", notify_all), mock.patch.object(
             bounds.Share, "__init__", lambda *args: made.append(init(*args))
         ):
             sys._clear_type_cache()
             for number in range(20_000):
-                for kind in (threading.Condition, bounds.Share):
+                for kind in kinds:
                     kind.number = number
                     kind.number  # The look-up gives the class its next tag.
                 budget.hold(1.0).settle(None)
-        for kind in (threading.Condition, bounds.Share):
+        for kind in kinds:
             del kind.number
         self.assertEqual([len(made), notify_all.call_count], [number + 1] * 2)
 

@@ -111,7 +111,8 @@ class ValuesTest(unittest.TestCase):
         self.assertIsNone(record.exc_info)
 
     def test_answers_are_taken_by_their_truth_and_handed_on_as_they_came(self) -> None:
-        for answer in ("yes", []):
+        answers: tuple[Any, ...] = ("yes", [])
+        for answer in answers:
             budget = bounds.RunBudget(1, 2, should_stop=lambda: answer)
             budget.charge(Reply(cached=answer))
             self.assertEqual(repr(budget.stopping()), repr(bool(answer)))

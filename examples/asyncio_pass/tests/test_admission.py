@@ -220,7 +220,9 @@ class AdmissionTest(BoundsTest):
                 gone += 1
 
         loop = asyncio.new_event_loop()
-        loop.set_exception_handler(lambda *_: None)  # It tells of each task that is left.
+        loop.set_exception_handler(
+            lambda _loop, _context: None
+        )  # It tells of each task that is left.
         tasks = [loop.create_task(call()) for _ in range(3)]
         loop.run_until_complete(turns(3))
         loop.close()

@@ -11,7 +11,7 @@ import unittest
 from typing import Any
 from unittest import mock
 
-from aiohttp import web  # type: ignore[import]
+from aiohttp import web
 
 from engines import decision_bounds
 from engines.decision_bounds import (
@@ -113,13 +113,13 @@ class ClientTest(unittest.TestCase):
             spent_usd, ended = run_pass(endpoint, cap_usd=0.15, cancelled=60)
         self.assertTrue(0.15 <= spent_usd < 0.15 + REQUEST.dearest().cost)
         self.assertLessEqual(endpoint.billed_usd, spent_usd)
-        ends = {type(each) for each in ended}
+        ends: set[type[object]] = {type(each) for each in ended}
         self.assertEqual(ends, {Reply, asyncio.CancelledError, DecisionBudgetExceeded})
 
     def test_an_endpoint_that_never_answers_is_counted_up_to_the_cap(self) -> None:
         endpoint = Endpoint(3, {"stalls": 1.0})
         with self.assertLogs(decision_bounds.logger):
-            spent_usd, ended = run_pass(endpoint, cap_usd=0.05, timeout_s=0.2)
+            spent_usd, _ended = run_pass(endpoint, cap_usd=0.05, timeout_s=0.2)
         self.assertTrue(0.05 <= spent_usd < 0.05 + REQUEST.dearest().cost)
         self.assertLessEqual(endpoint.billed_usd, spent_usd)
 

@@ -80,7 +80,7 @@ class ManyCallsTest(BoundsTest):
                     usd.settle(reply)
 
         with ThreadPoolExecutor(3) as pool:
-            loops = [pool.submit(lambda seed=seed: run(calls(seed))) for seed in (1, 2)]
+            loops = [pool.submit(run, calls(seed)) for seed in (1, 2)]
             for done in [*loops, pool.submit(thread)]:
                 done.result()
         self.assertLessEqual(most_in_flight, 3)

@@ -236,7 +236,9 @@ class InOrderTest(unittest.TestCase):
 
     def test_coroutines_of_a_closed_loop_keep_no_turn(self) -> None:
         loop = asyncio.new_event_loop()
-        loop.set_exception_handler(lambda *_: None)  # It tells of each task that is left.
+        loop.set_exception_handler(
+            lambda _loop, _context: None
+        )  # It tells of each task that is left.
 
         async def main() -> None:
             for name in (1, 2):

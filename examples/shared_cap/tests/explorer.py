@@ -85,7 +85,7 @@ class Explorer:
         self._sums: list[tuple[Sums, Sums]] = []
         self._rows: list[Rows] = []
         self._after: dict[tuple[int, int, Rows], list[int]] = {}
-        self._start = (0, *(self._number(Process()),) * processes)
+        self._start: tuple[int, ...] = (0, *(self._number(Process()),) * processes)
 
     def states(self) -> int:
         """How many there are. Raises ``AssertionError`` in one that breaks a guarantee."""

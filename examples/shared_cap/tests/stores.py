@@ -86,7 +86,7 @@ class PostgresServer:
 
     def run(self, statement: str) -> None:
         connection = PostgresStore(self.where)._connect()
-        connection.execute(statement)
+        connection.execute(statement.encode())
         connection.close()
 
     def stop(self) -> None:
