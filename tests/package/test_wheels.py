@@ -118,10 +118,21 @@ class WheelsTest(unittest.TestCase):
                 self.assertEqual(metadata["Version"], VERSION)
                 self.assertEqual(metadata["Requires-Python"], ">=3.10")
                 self.assertIsNone(metadata["Requires-Dist"])
-                readme = (ROOT / "README.md").read_text(encoding="utf-8")
-                self.assertEqual(metadata.get_payload(), readme)
+                self.assertEqual(metadata["Description-Content-Type"], "text/markdown")
+                self.is_shown_by_an_index(str(metadata.get_payload()))
                 platform = "manylinux" if sys.platform == "linux" else "macosx"
                 self.assertRegex(path.name, f"-{tag}-{tag}-.*{platform}")
+
+    def is_shown_by_an_index(self, description: str) -> None:
+        """Assert that it is the README line by line, but for pictures and what links into the tree."""
+        readme = (ROOT / "README.md").read_text(encoding="utf-8")
+        prose = re.sub(r"^```.*?^```", "", description, flags=re.DOTALL | re.MULTILINE)
+        self.assertNotRegex(prose, r"\]\((?!https?:)")
+        lines = set(readme.splitlines())
+        changed = [line for line in description.splitlines() if line not in lines]
+        linking = re.findall(r"^.*\]\((?!https?:).*$", readme, flags=re.MULTILINE)
+        self.assertLessEqual(len(changed), len(linking), changed)
+        self.assertGreater(len(description), 0.95 * len(readme))
 
     def test_it_imports_beside_another_distribution_and_leaves_that_alone(self) -> None:
         for tag, python in self.interpreters().items():
