@@ -28,6 +28,7 @@ PAID_CALLS = 0.35  # Of all; some more would be paid if they were not refused.
 # What the second half of the calls may leave allocated, and by what it may raise the most memory.
 MOST_BLOCKS_MORE = 1000
 MOST_MORE_KB = 8192
+UNITS_OF_A_KB = 1024 if sys.platform == "darwin" else 1  # Of `ru_maxrss`.
 
 
 class Boom(Exception):
@@ -111,7 +112,7 @@ def main(calls: str) -> int:
         faults += Run(int(calls) // 2).faults()
         gc.collect()
         blocks.append(sys.getallocatedblocks())
-        most_kb.append(resource.getrusage(resource.RUSAGE_SELF).ru_maxrss)
+        most_kb.append(resource.getrusage(resource.RUSAGE_SELF).ru_maxrss // UNITS_OF_A_KB)
     more, more_kb = blocks[1] - blocks[0], most_kb[1] - most_kb[0]
     print(
         f"{time.monotonic() - started:.1f} s; the second half left {more} blocks, {more_kb} kB more"
