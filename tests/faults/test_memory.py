@@ -59,8 +59,10 @@ class MemoryTest(ProcessTest):
 
     def test_what_the_interpreter_says_without_the_module(self) -> None:
         """Where it says no more, tests.faults.memory has to accept no more."""
-        said = {"can't allocate lock", "cannot release un-acquired lock"}
-        if sys.version_info >= (3, 11):
+        said = {"cannot release un-acquired lock"}
+        if sys.version_info < (3, 14):
+            said.add("can't allocate lock")
+        if (3, 11) <= sys.version_info < (3, 14):
             said.add("error return without exception set")
         self.assertLessEqual(said, set(self.ends_well("-c", PLAIN).splitlines()))
 
