@@ -7,7 +7,7 @@ import os
 import sys
 import unittest
 
-from tests.faults.support import LONG, ProcessTest
+from tests.faults.support import LONG, ProcessTest, run
 
 if importlib.util.find_spec("_testcapi") is None:
     raise unittest.SkipTest("this interpreter has no hook for memory that runs out")
@@ -40,6 +40,28 @@ for call in (threading.Lock, wait, fails):
             print(said)
 """
 
+# Plain Python that makes a failing function without memory at each point.
+MAKE_FUNCTION = """
+import _testcapi
+def attempt(call):
+    try:
+        call()
+    except ZeroDivisionError:
+        pass
+def ask(bound):
+    return bound()
+def make():
+    attempt(lambda: ask(lambda: 1 / 0))
+make()
+for number in range(30):
+    _testcapi.set_nomemory(number, number + 1)
+    try:
+        make()
+    except (MemoryError, SystemError):
+        _testcapi.remove_mem_hooks()
+    _testcapi.remove_mem_hooks()
+"""
+
 
 class MemoryTest(ProcessTest):
     def test_conditions_that_need_no_memory(self) -> None:
@@ -65,6 +87,11 @@ class MemoryTest(ProcessTest):
         if (3, 11) <= sys.version_info < (3, 14):
             said.add("error return without exception set")
         self.assertLessEqual(said, set(self.ends_well("-c", PLAIN).splitlines()))
+
+    def test_a_function_that_is_made_without_the_module(self) -> None:
+        """Where this ends well, tests.faults.memory can make its functions in the operations."""
+        crashes = (3, 12) <= sys.version_info < (3, 14)
+        self.assertEqual(run("-c", MAKE_FUNCTION).returncode != 0, crashes)
 
     @unittest.skipUnless(LONG and hasattr(os, "fork"), "takes a minute")
     def test_loading(self) -> None:
