@@ -78,8 +78,8 @@ bool are_in_order(const Operation& self, Py_ssize_t given, PyObject* keywords) {
   return true;
 }
 
-/// Whether a call gives all parameters by position but the last `missing`, which have defaults. What
-/// holds the arguments of other calls is left out then: that saves 6 % of a cache hit.
+/// Whether a call gives all parameters by position but the last `missing`, which have defaults.
+/// What holds the arguments of other calls is left out then: that saves 6 % of a cache hit.
 bool lacks_only_defaults(const Operation& self, Py_ssize_t missing, PyObject* keywords) {
   return keywords == nullptr && missing > 0 && self.parameters == self.positional &&
          self.defaults.get() != Py_None && missing <= PyTuple_GET_SIZE(self.defaults.get());
