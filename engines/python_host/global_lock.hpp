@@ -54,8 +54,8 @@ inline Py_ssize_t size_of(PyObject* object) {
   return __atomic_load_n(&reinterpret_cast<PyVarObject*>(object)->ob_size, __ATOMIC_RELAXED);
 }
 
-/// Spares the threads that use an object the counting of their references, for which they would wait
-/// for each other. Such an object is ended by the cycle collector alone.
+/// Spares the threads that use an object the counting of their references, for which they would
+/// wait for each other. Such an object is ended by the cycle collector alone.
 inline void count_no_uses_of([[maybe_unused]] PyObject* object) {
 #if PY_VERSION_HEX >= 0x030E0000
   PyUnstable_Object_EnableDeferredRefcount(object);
