@@ -22,8 +22,8 @@ Ref found(PyObject* object) {
   return object == nullptr && PyErr_Occurred() == nullptr ? Ref() : Ref::owned(object);
 }
 
-Ref item(const Ref& dictionary, const Ref& key) {
-  return found(shielded([&] { return new_item(dictionary.get(), key.get()); }));
+Ref item(PyObject* dictionary, const Ref& key) {
+  return found(shielded([&] { return new_item(dictionary, key.get()); }));
 }
 
 Ref attribute_of_type(PyTypeObject* type, const Ref& name) {

@@ -75,6 +75,12 @@ class Ref {
     ref.object_ = Py_XNewRef(borrowed);
     return ref;
   }
+  /// A reference that is not counted: the caller's stands for it until `release`.
+  static Ref lent(PyObject* object) {
+    Ref ref;
+    ref.object_ = object;
+    return ref;
+  }
   static Ref none() { return to(Py_None); }
 
   PyObject* get() const { return object_; }
@@ -171,8 +177,9 @@ inline std::uint64_t class_version_of(PyTypeObject* type) {
 Ref found(PyObject* object);
 
 /// What a dictionary holds under a key, or nothing. The look-up may run code, since a key of the
-/// dictionary may be an object with an `==` of its own: the caller owns the dictionary.
-Ref item(const Ref& dictionary, const Ref& key);
+/// dictionary may be an object with an `==` of its own: the caller sees to it that the dictionary
+/// stays.
+Ref item(PyObject* dictionary, const Ref& key);
 
 /// The attribute of a type as its dictionaries hold it, or nothing: what the interpreter looks up
 /// where it uses a special method of an object.

@@ -160,9 +160,9 @@ bool Locks::is_of_reentrant_lock(const Ref& method) const {
 
 void Locks::remember_parts(Condition& condition, const Ref& attributes) const {
   const std::uint64_t version = dict_version_of(attributes.get());
-  const Ref lock = item(attributes, lock_name_);
-  const Ref waiters = item(attributes, waiters_name_);
-  const Ref is_owned = item(attributes, is_owned_name_);
+  const Ref lock = item(attributes.get(), lock_name_);
+  const Ref waiters = item(attributes.get(), waiters_name_);
+  const Ref is_owned = item(attributes.get(), is_owned_name_);
   // Where a look-up ran code that changed the dictionary, nothing is found: the next use looks
   // again.
   const bool found = PyDict_GET_SIZE(attributes.get()) == attribute_count_ &&
@@ -186,7 +186,7 @@ Ref Locks::part_of(Condition& condition, const Ref& name,
   if (attributes.get() == nullptr || PyDict_GET_SIZE(attributes.get()) != attribute_count_) {
     return {};
   }
-  return item(attributes, name);
+  return item(attributes.get(), name);
 }
 
 #endif

@@ -104,7 +104,7 @@ Ref default_of(const Operation& self, Py_ssize_t parameter) {
   if (parameter >= self.positional) {
     return self.keyword_defaults.get() == Py_None
                ? Ref()
-               : item(self.keyword_defaults, Ref::to(self.name(parameter)));
+               : item(self.keyword_defaults.get(), Ref::to(self.name(parameter)));
   }
   const Py_ssize_t count =
       self.defaults.get() == Py_None ? 0 : PyTuple_GET_SIZE(self.defaults.get());

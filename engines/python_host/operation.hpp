@@ -2,6 +2,7 @@
 
 /// The functions and operations of the module, as the host sees them.
 
+#include <concepts>
 #include <cstddef>
 #include <type_traits>
 #include <utility>
@@ -55,12 +56,30 @@ Ref returned(const Operation& operation) {
   }
 }
 
+/// An argument that is not counted: the caller holds it for the length of the call. Threads that
+/// pass the same object, a clock for instance, would wait for each other to count it.
+template <std::derived_from<Ref> Value>
+class Lent {
+ public:
+  explicit Lent(PyObject* object) : value_(Ref::lent(object)) {}
+  ~Lent() { value_.release(); }
+  Lent(const Lent&) = delete;
+  Lent& operator=(const Lent&) = delete;
+
+  operator const Value&() const { return value_; }
+
+ private:
+  Value value_;
+};
+
 /// The argument for a parameter of a bound's operation: the host, or what the call passed.
 template <typename Parameter>
 decltype(auto) argument_for(const Python& host, const Arguments& arguments, std::size_t index) {
   using Value = std::remove_cvref_t<Parameter>;
   if constexpr (std::is_same_v<Value, Python>) {
     return (host);
+  } else if constexpr (std::derived_from<Value, Ref>) {
+    return Lent<Value>(arguments[index]);
   } else {
     return arguments.get<Value>(index);
   }

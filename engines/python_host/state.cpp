@@ -39,7 +39,8 @@ void State::remember_surface() {
 }
 
 Ref State::global(const Ref& name) const {
-  Ref value = item(Ref::to(globals), name);
+  // The operation that asks keeps the module, and the module its dictionary.
+  Ref value = item(globals, name);
   if (value.get() == nullptr) {
     PyErr_Format(PyExc_NameError, "name '%U' is not defined", name.get());
     throw Raised{};

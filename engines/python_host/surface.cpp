@@ -49,7 +49,7 @@ Ref make_class(State* state, const ClassDefinition& definition, const Ref& decla
     const Ref name = Ref::to(key);
     const Ref attribute = Ref::to(value);
     // A field keeps the descriptor of its storage: the record facility has read its default.
-    if (!is_descriptor(attribute) && !is_descriptor(item(Ref::to(own_dict), name))) {
+    if (!is_descriptor(attribute) && !is_descriptor(item(own_dict, name))) {
       checked(PyObject_SetAttr, type, name,
               with_body(state, name, attribute, definition.operations));
     }
