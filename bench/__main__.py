@@ -7,10 +7,11 @@ import os
 from collections.abc import Callable
 from pathlib import Path
 
-from bench import asyncio_pass, clients, growth, guards, in_order, load, native, shared_cap, surface
+from bench import asyncio_pass, clients, growth, guards, in_order, load, native, shared_cap
+from bench import surface, threads
 
 _SECTIONS = (
-    *("surface", "load", "native", "growth", "guards"),
+    *("surface", "threads", "load", "native", "growth", "guards"),
     *("in_order", "asyncio_pass", "clients", "shared_cap"),
 )
 
@@ -31,9 +32,10 @@ def main() -> None:
         for version, path, build in options.interpreter
     ]
     build = interpreters[0].build
-    print(f"{os.cpu_count()} cores; all but the first table: CPython {interpreters[0].version}")
+    print(f"{os.cpu_count()} cores; all but the first tables: CPython {interpreters[0].version}")
     sections: dict[str, Callable[[], str]] = {
         "surface": lambda: surface.report(interpreters, options.quick),
+        "threads": lambda: threads.report(interpreters, options.quick),
         "load": lambda: load.report(build, options.quick),
         "native": lambda: native.report(build, options.quick),
         "growth": lambda: growth.report(build, options.quick),
