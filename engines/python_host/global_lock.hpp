@@ -1,7 +1,7 @@
 #pragma once
 
 /// What the interpreter's global lock gives for nothing, and what stands in its place where there
-/// is none: there (`Py_GIL_DISABLED`), threads use one object at the same time.
+/// is none: there, from CPython 3.14 on, threads use one object at the same time.
 
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
@@ -10,7 +10,9 @@
 
 namespace decision_bounds::python {
 
-#ifdef Py_GIL_DISABLED
+#if defined(Py_GIL_DISABLED) && PY_VERSION_HEX >= 0x030E0000
+
+inline constexpr bool has_global_lock = false;
 
 /// Keeps other threads from the fields of an object, from here to the end of the block. It is as
 /// the global lock in this: it is given up where the thread blocks inside the interpreter, and had
@@ -20,13 +22,39 @@ namespace decision_bounds::python {
 /// to a field of one object is not used in the section of another: `steady` is a copy for that.
 class Section {
  public:
-  explicit Section(PyObject* object) { PyCriticalSection_Begin(&section_, object); }
-  ~Section() { PyCriticalSection_End(&section_); }
+  explicit Section(PyObject* object) : object_(object) { begin(); }
+  ~Section() { end(); }
   Section(const Section&) = delete;
   Section& operator=(const Section&) = delete;
 
  private:
+  friend class Outside;
+  void begin() { PyCriticalSection_Begin(&section_, object_); }
+  void end() { PyCriticalSection_End(&section_); }
+
+  PyObject* object_;
   PyCriticalSection section_;
+};
+
+/// Gives the innermost section up, if there is one, for a block that waits for another thread. A
+/// thread tries for a while before it blocks, and the other may need the section to get on.
+class Outside {
+ public:
+  explicit Outside(Section* section) : section_(section) {
+    if (section_ != nullptr) {
+      section_->end();
+    }
+  }
+  ~Outside() {
+    if (section_ != nullptr) {
+      section_->begin();
+    }
+  }
+  Outside(const Outside&) = delete;
+  Outside& operator=(const Outside&) = delete;
+
+ private:
+  Section* section_;
 };
 
 template <typename Value>
@@ -56,11 +84,7 @@ inline Py_ssize_t size_of(PyObject* object) {
 
 /// Spares the threads that use an object the counting of their references, for which they would
 /// wait for each other. Such an object is ended by the cycle collector alone.
-inline void count_no_uses_of([[maybe_unused]] PyObject* object) {
-#if PY_VERSION_HEX >= 0x030E0000
-  PyUnstable_Object_EnableDeferredRefcount(object);
-#endif
-}
+inline void count_no_uses_of(PyObject* object) { PyUnstable_Object_EnableDeferredRefcount(object); }
 
 /// Whether an object that ends may have weak references, in the list that it keeps of them. Another
 /// thread may be ending one.
@@ -68,9 +92,16 @@ inline bool may_have_weak_references(const PyObject* /*list*/) { return true; }
 
 #else
 
+inline constexpr bool has_global_lock = true;
+
 class Section {
  public:
   explicit Section(PyObject* /*object*/) {}
+};
+
+class Outside {
+ public:
+  explicit Outside(Section* /*section*/) {}
 };
 
 template <typename Value>

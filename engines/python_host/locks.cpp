@@ -32,6 +32,9 @@ LockType LockType::of(const Ref& lock) {
       c_function(lock, "__enter__", METH_VARARGS | METH_KEYWORDS) == acquire &&
       c_function(lock, "__exit__", METH_VARARGS) == found.release) {
     found.type = type_of(lock.get());
+    if (!has_global_lock) {
+      found.locked = c_function(lock, "locked", METH_NOARGS);
+    }
   }
   return found;
 }
@@ -198,13 +201,14 @@ bool Locks::is_plain(const Ref& condition) const {
   return Py_TYPE(condition.get()) == as_type(condition_type_) && condition_type_is_unchanged();
 }
 
-Entered Locks::enter(const Ref& lock, Delayed* interrupt) const {
+Entered Locks::enter(const Ref& lock, Delayed* interrupt, Section* section) const {
   Ref entered = value_of(lock);
   if (mutex_.is_type_of(entered.get())) {
-    return enter_directly(mutex_, std::move(entered), interrupt);
+    return enter_directly(mutex_, std::move(entered), interrupt, section);
   }
   const SpecialMethod enter(entered, enter_name_);
   Entered by_exit(SpecialMethod(entered, exit_name_));
+  const Outside outside(section);
   enter();
   return by_exit;
 }

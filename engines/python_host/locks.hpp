@@ -23,8 +23,11 @@ struct LockType {
   Ref type;  ///< Nothing where the short way is closed.
   PyCFunctionWithKeywords acquire = nullptr;
   PyCFunction release = nullptr;
+  PyCFunction locked = nullptr;  ///< Null where there is a global lock.
 
   static LockType of(const Ref& lock);
+  /// Whether any thread has a lock of this type. Requires `locked`.
+  bool is_locked(const Ref& lock) const { return truth(checked(locked, lock, nullptr)); }
   bool is_type_of(PyObject* lock) const { return Py_TYPE(lock) == as_type(type); }
 };
 
@@ -81,14 +84,15 @@ class Locks {
   Locks(const Ref& threading, const Ref& condition_type);
   int traverse(visitproc visit, void* arg) const;
 
-  Entered enter(const Ref& lock, Delayed* interrupt) const;
+  Entered enter(const Ref& lock, Delayed* interrupt, Section* section) const;
   /// A signal whose handler raises ends the taking of a lock. Where there is an `interrupt`, it
   /// takes that error, and the lock is taken all the same (on the short way).
-  Entered enter(Condition& condition, Delayed* interrupt) const {
+  /// The section is given up while the thread waits for the lock.
+  Entered enter(Condition& condition, Delayed* interrupt, Section* section) const {
     Ref lock = part_of(condition, lock_name_, &Condition::lock);
     return lock.get() != nullptr && reentrant_.is_type_of(lock.get())
-               ? enter_directly(reentrant_, std::move(lock), interrupt)
-               : enter(condition.object, interrupt);
+               ? enter_directly(reentrant_, std::move(lock), interrupt, section)
+               : enter(condition.object, interrupt, section);
   }
 
   /// Wakes all that wait on a condition. The caller has entered it.
@@ -103,7 +107,9 @@ class Locks {
   }
 
  private:
-  Entered enter_directly(const LockType& type, Ref lock, Delayed* interrupt) const {
+  Entered enter_directly(const LockType& type, Ref lock, Delayed* interrupt,
+                         Section* section) const {
+    const Outside outside(has_global_lock || !type.is_locked(lock) ? nullptr : section);
     for (;;) {
       try {
         checked(type.acquire, lock, no_arguments_, nullptr);

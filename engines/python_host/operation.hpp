@@ -86,9 +86,10 @@ decltype(auto) argument_for(const Python& host, const Arguments& arguments, std:
 }
 
 template <auto operation, typename Bound, typename... Parameters>
-Ref call_operation(const Python& host, const Arguments& arguments) {
+Ref call_operation(const Python& state_host, const Arguments& arguments) {
   auto& bound = arguments.bound<Bound>();
-  const Section section(arguments[0]);
+  Section section(arguments[0]);
+  const Python host{state_host.state, nullptr, &section};
   return [&]<std::size_t... index>(std::index_sequence<index...> /*parameters*/) {
     return returned([&] {
       return (bound.*operation)(argument_for<Parameters>(host, arguments, index + 1)...);

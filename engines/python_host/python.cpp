@@ -37,13 +37,18 @@ Ref text_of(const char* text) { return checked(PyUnicode_FromString, text); }
 }  // namespace
 
 void Python::wait(const Ref& changed, const Ref& stopping) const {
-  call(state->global(state->names.wait), changed, stopping);
+  const Ref wait = state->global(state->names.wait);
+  const Ref condition = value_of(changed);
+  const Outside outside(section);
+  call(wait, condition, stopping);
 }
 
 void Python::wait(const Ref& changed, const Ref& stopping, const Ref& deadline,
                   const Ref& clock) const {
-  call_by_name(state->global(state->names.wait), state->deadline_and_clock, value_of(changed),
-               stopping, deadline, clock);
+  const Ref wait = state->global(state->names.wait);
+  const Ref condition = value_of(changed);
+  const Outside outside(section);
+  call_by_name(wait, state->deadline_and_clock, condition, stopping, deadline, clock);
 }
 
 Ref Python::stop_function(const RunBudget<Python>& budget) const {

@@ -49,6 +49,8 @@ struct Python {
   /// Given where a share is settled, which can be done once: what interrupts the taking of the lock
   /// is raised when the share has been given back.
   Delayed* interrupt = nullptr;
+  /// Of the object that an operation was called on; it is given up where the operation waits.
+  Section* section = nullptr;
 
   static const Number& amount(const Number& number) { return number; }
   static bool truth(const Number& value) { return python::truth(value); }
@@ -143,7 +145,7 @@ inline void ChargesRecord::learn(const Number& size, const Number& charge) const
 
 auto Python::locked(auto& lock, const auto& block) const -> decltype(block()) {
   using Result = decltype(block());
-  Entered entered = state->locks.enter(lock, interrupt);
+  Entered entered = state->locks.enter(lock, interrupt, section);
   try {
     if constexpr (!std::is_void_v<Result>) {
       Result result = block();
@@ -170,8 +172,8 @@ template <typename Bound>
 void end_call(State* state, PyObject* owner, const Number& amount, const Optional& reply) {
   Delayed interrupt;
   try {
-    const Section section(owner);
-    Instance<Bound>::of(owner)->bound.give_back(amount, reply, Python{state, &interrupt});
+    Section section(owner);
+    Instance<Bound>::of(owner)->bound.give_back(amount, reply, Python{state, &interrupt, &section});
   } catch (const Raised&) {
   }
   interrupt.raise();
