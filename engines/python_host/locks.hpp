@@ -27,7 +27,7 @@ struct LockType {
 
   static LockType of(const Ref& lock);
   /// Whether any thread has a lock of this type. Requires `locked`.
-  bool is_locked(const Ref& lock) const { return truth(checked(locked, lock, nullptr)); }
+  bool is_locked(const Ref& lock) const { return checked(locked, lock, nullptr).get() == Py_True; }
   bool is_type_of(PyObject* lock) const { return Py_TYPE(lock) == as_type(type); }
 };
 
