@@ -215,17 +215,22 @@ class Hostile:
 
     def elsewhere(self) -> None:
         """Use the module in another interpreter of this process, which then ends."""
-        if sys.is_finalizing():
-            return
-        interpreters: Any = importlib.import_module("_xxsubinterpreters")
-        interpreters.run_string(interpreters.create(), ELSEWHERE)
-        self.end_interpreters()
+        if interpreters := self._interpreters():
+            interpreters.run_string(interpreters.create(), ELSEWHERE)
+            self.end_interpreters()
 
     def end_interpreters(self) -> bool:
         """End the others; return whether none is left, as one that a thread still uses is."""
-        interpreters: Any = importlib.import_module("_xxsubinterpreters")
-        for each in interpreters.list_all()[1:]:
-            if interpreters.is_running(each):
-                return False
-            interpreters.destroy(each)
+        if interpreters := self._interpreters():
+            for each in interpreters.list_all()[1:]:
+                if interpreters.is_running(each):
+                    return False
+                interpreters.destroy(each)
         return True
+
+    @staticmethod
+    def _interpreters() -> Any:
+        """The module that makes interpreters; CPython 3.12 keeps our module to the main one."""
+        if sys.version_info >= (3, 12) or sys.is_finalizing():
+            return None
+        return importlib.import_module("_xxsubinterpreters")

@@ -14,6 +14,8 @@ import threading
 import weakref
 from collections.abc import Callable, Iterable
 from functools import partial
+from pathlib import Path
+from types import FrameType
 
 from tests.fuzz.grammar import Program
 from tests.fuzz.hostile import Boom, Hostile, Poll
@@ -28,8 +30,9 @@ STATUSES = {0: "", BROKEN_STATUS: "broken rules", LEFT_STATUS: "left"}
 
 # What ends the hooks of a program; one that raises ends with that, and keeps the first step from it.
 CALMING: tuple[Callable[[], object], ...] = (
-    *(partial(sys.setprofile, None), partial(sys.settrace, None)) * 2,
-    *(partial(signal.setitimer, signal.ITIMER_REAL, 0.0),) * 2,
+    partial(signal.setitimer, signal.ITIMER_REAL, 0.0),
+    partial(sys.setprofile, None),
+    partial(sys.settrace, None),
     partial(signal.signal, signal.SIGUSR1, signal.SIG_IGN),
 )
 
@@ -38,7 +41,7 @@ def judge(status: int, told: str) -> str:
     """Say what is wrong with how a process ended: nothing, mostly."""
     if os.WIFSIGNALED(status):
         return signal.Signals(os.WTERMSIG(status)).name
-    if told.startswith("Timeout ("):
+    if "Timeout (" in told:
         return "endless"
     code = os.WEXITSTATUS(status)
     return STATUSES.get(code, f"status {code}")
@@ -57,8 +60,10 @@ def run(program: Program, ends_early: bool) -> tuple[str, str]:
     return judge(status, told), told
 
 
-def _tick(_number: int, _frame: object) -> None:
-    raise Boom("a tick")
+def _tick(_number: int, frame: FrameType | None) -> None:
+    """End what a statement does; what runs the statements goes on."""
+    if frame is not None and Path(frame.f_code.co_filename).parent != Path(__file__).parent:
+        raise Boom("a tick")
 
 
 def _run_here(program: Program, ends_early: bool) -> None:
@@ -72,7 +77,7 @@ def _run_here(program: Program, ends_early: bool) -> None:
     signal.setitimer(signal.ITIMER_REAL, TICK_S, TICK_S)
     hostile = Hostile(importlib.import_module(MODULE), program)
     hostile.names["bounds"]._POLL_S = Poll(0.001)
-    for step in (lambda: hostile.react("main"), *CALMING):
+    for step in (lambda: hostile.react("main"), *CALMING, *CALMING):
         try:
             step()
         except BaseException:  # Of a tick, or of a function that traces.
