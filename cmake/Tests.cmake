@@ -31,7 +31,7 @@ endif()
 
 if(DECISION_BOUNDS_SANITIZERS MATCHES "fuzzer")
     foreach(fuzzer texts_fuzzer bounds_fuzzer)
-        add_executable(${fuzzer} tests/fuzz/${fuzzer}.cpp)
+        add_executable(${fuzzer} tests/fuzz/${fuzzer}.cpp tests/fuzz/fuzzer.cpp)
         target_link_libraries(${fuzzer} PRIVATE decision_bounds::core decision_bounds_warnings)
         target_link_options(${fuzzer} PRIVATE -fsanitize=fuzzer)
     endforeach()

@@ -3,10 +3,10 @@
 
 #include <chrono>
 #include <cmath>
-#include <cstddef>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "program.hpp"
 
@@ -29,9 +29,10 @@ class PassProgram final : Program {
       compare();
     }
     for (Call& call : calls) {
-      // A cached reply has given nothing back.
-      call.has_ended&& call.is_held ? budget.release(call.amount) : call.share.release();
-      call.is_held = false;
+      if (std::exchange(call.is_held, false) && call.has_ended) {
+        budget.release(call.amount);  // A cached reply has given nothing back.
+      }
+      call.share.release();
     }
     compare();
   }
@@ -209,14 +210,8 @@ class DayProgram final : Program, native::Log {
 
 }  // namespace
 
-}  // namespace decision_bounds
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
-  FuzzedDataProvider data(bytes, size);
-  if (data.ConsumeBool()) {
-    decision_bounds::PassProgram(data).run();
-  } else {
-    decision_bounds::DayProgram(data).run();
-  }
-  return 0;
+void fuzz(FuzzedDataProvider& data) {
+  data.ConsumeBool() ? PassProgram(data).run() : DayProgram(data).run();
 }
+
+}  // namespace decision_bounds

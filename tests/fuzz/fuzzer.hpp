@@ -7,7 +7,10 @@
 
 namespace decision_bounds {
 
-/// Ends the process where a promise is broken; the fuzzer then keeps the input that broke it.
+/// What a fuzzer does with an input; each defines it.
+void fuzz(FuzzedDataProvider& data);
+
+/// Ends the process where a promise is broken; the input that broke it is then kept.
 inline void require(bool kept) {
   if (!kept) {
     std::abort();

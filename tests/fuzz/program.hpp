@@ -41,15 +41,16 @@ Answer answer_of(const auto& call) {
   }
 }
 
+/// The input as a program of operations on one bound. What is admitted and ended is compared with
+/// the model; sums of any doubles, in a wild program, are not.
 class Program {
  public:
   explicit Program(FuzzedDataProvider& input) : data(input) {}
   Program(const Program&) = delete;
   Program& operator=(const Program&) = delete;
+  virtual ~Program() = default;
 
  protected:
-  ~Program() = default;
-
   /// Counts the reply of a call that ends, in the model. Returns whether the call still holds its
   /// share, and how `settle` ends.
   virtual std::pair<bool, Answer> count(const PaidReply& reply) = 0;

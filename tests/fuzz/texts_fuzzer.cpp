@@ -72,19 +72,17 @@ void check_counts(std::int64_t left, std::int64_t right) {
 
 }  // namespace
 
-}  // namespace decision_bounds
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
-  FuzzedDataProvider data(bytes, size);
+void fuzz(FuzzedDataProvider& data) {
   const auto left = data.ConsumeIntegral<std::int64_t>();
   const auto right = data.ConsumeIntegral<std::int64_t>();
+  const int decimals = data.ConsumeIntegralInRange(0, 9);
   double value = 0.0;
   std::memcpy(&value, &left, sizeof(value));
-  decision_bounds::check_number(value, data.ConsumeIntegralInRange(0, 9));
-  // As sums of money are: few decimals, and what comes next to a tie.
-  decision_bounds::check_number(static_cast<double>(right) / 1e7,
-                                data.ConsumeIntegralInRange(0, 9));
-  decision_bounds::check_date(data.ConsumeIntegralInRange(-4'000'000, 4'000'000));
-  decision_bounds::check_counts(left, right);
-  return 0;
+  check_number(value, decimals);
+  // As sums of money are: of few digits, and near what lies between two of them.
+  check_number(static_cast<double>(right) / 1e7, decimals);
+  check_date(data.ConsumeIntegralInRange(-4'000'000, 4'000'000));
+  check_counts(left, right);
 }
+
+}  // namespace decision_bounds
