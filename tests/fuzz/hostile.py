@@ -230,7 +230,7 @@ class Hostile:
 
     @staticmethod
     def _interpreters() -> Any:
-        """The module that makes interpreters; CPython 3.12 keeps our module to the main one."""
+        """The module that makes interpreters; those of CPython 3.12 and later have another one."""
         if sys.version_info >= (3, 12) or sys.is_finalizing():
             return None
         return importlib.import_module("_xxsubinterpreters")
