@@ -14,7 +14,7 @@ PROGRAMS = 60
 # Statements that are faults of a kind.
 CTYPES = "importlib.import_module('ctypes')"
 FAULTS = {
-    "SIGSEGV": "signal.raise_signal(signal.SIGSEGV)",
+    "SIGABRT": "signal.raise_signal(signal.SIGABRT)",
     "left": f"{CTYPES}.pythonapi.Py_IncRef({CTYPES}.py_object(bounds.Share()))",
     "broken rules": "raise SystemError('a function returned a result with an exception set')",
 }
