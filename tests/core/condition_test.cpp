@@ -10,15 +10,16 @@
 
 namespace decision_bounds::native {
 
-TEST(Condition, OneWakeUpEndsEverySleepAndASleeperHasGivenUpAllItsLevels) {
+/// Lets so many threads sleep, wakes them once, and returns when all of them have gone on.
+void wake_sleepers_once(int count) {
   constexpr double until_woken_s = 3600.0;
   Condition changed;
   int asleep = 0;
   bool open = false;
   int finished = 0;
-  std::vector<std::thread> sleepers(8);
-  for (std::thread& sleeper : sleepers) {
-    sleeper = std::thread([&] {
+  std::vector<std::thread> sleepers;
+  for (int number = 0; number < count; ++number) {
+    sleepers.emplace_back([&] {
       const std::lock_guard outer(changed);
       {
         const std::lock_guard inner(changed);
@@ -36,7 +37,7 @@ TEST(Condition, OneWakeUpEndsEverySleepAndASleeperHasGivenUpAllItsLevels) {
   while (!open) {
     std::this_thread::yield();
     const std::lock_guard held(changed);
-    if (asleep == 8) {
+    if (asleep == count) {
       open = true;
       changed.notify_all();
     }
@@ -44,7 +45,12 @@ TEST(Condition, OneWakeUpEndsEverySleepAndASleeperHasGivenUpAllItsLevels) {
   for (std::thread& sleeper : sleepers) {
     sleeper.join();
   }
-  EXPECT_EQ(finished, 8);
+  EXPECT_EQ(finished, count);
+}
+
+TEST(Condition, OneWakeUpEndsEverySleepAndASleeperHasGivenUpAllItsLevels) {
+  wake_sleepers_once(1);
+  wake_sleepers_once(8);
 }
 
 TEST(Condition, WhoHadTheLockOnceTakesItAnewAndKeepsTheOthersOut) {
@@ -67,7 +73,9 @@ TEST(Condition, WhoHadTheLockOnceTakesItAnewAndKeepsTheOthersOut) {
   EXPECT_TRUE(keeps_others_out()) << "the lock given up was given up wholly";
   {
     const std::lock_guard held(changed);
-    changed.wait(0.001);
+    const auto start = std::chrono::steady_clock::now();
+    changed.wait(0.02);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 20ms);
     const std::lock_guard after_the_sleep(changed);
   }
   EXPECT_TRUE(keeps_others_out());

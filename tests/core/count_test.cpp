@@ -36,6 +36,7 @@ TEST(Count, TheLeastDoubleFromACountIsNeverBelowIt) {
                                                    {two_to_53, 0x1p53},
                                                    {two_to_53 + 1, 0x1p53 + 2.0},
                                                    {-two_to_53 - 1, -0x1p53},
+                                                   {-two_to_53 - 3, -0x1p53 - 2.0},
                                                    {(std::int64_t{1} << 62) + 1, 0x1p62 + 1024.0},
                                                    {largest, 0x1p63},
                                                    {smallest, -0x1p63}};

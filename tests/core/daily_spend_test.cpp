@@ -29,6 +29,11 @@ TEST_F(DailySpendTest, AnInterruptOfTheLedgerPassesAndStartsNoDay) {
   EXPECT_EQ(account.spent(), 0.5);
 }
 
+TEST_F(DailySpendTest, ACapThatIsNoNumberRefuses) {
+  account.cap = not_a_number;
+  EXPECT_THROW((void)admit(0.5), DecisionBudgetExceeded);
+}
+
 TEST_F(DailySpendTest, WithoutADateNothingIsCountedButAShareIsGivenBack) {
   HeldShare share = admit(unknown);
   account.today = no_date;

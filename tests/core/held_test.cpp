@@ -12,9 +12,11 @@ TEST(Held, WhatIsGivenBackLeavesNoRemainderAndNothingBelowZero) {
   EXPECT_EQ(held.amount, 0.1 + 0.2 - 0.1);
   held.give_back(0.2);
   EXPECT_EQ(held.amount, 0.0);
+  held.take(1.0);
   held.take(not_a_number);
   held.give_back(not_a_number);
-  EXPECT_EQ(held.amount, 0.0);
+  EXPECT_EQ(held.amount, 0.0) << "also where another call is left";
+  held.give_back(1.0);
   held.take(-unknown);
   EXPECT_FALSE(held.admits(0.0, 0.0, unknown)) << "unbounded on either side";
   held.give_back(-unknown);

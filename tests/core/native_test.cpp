@@ -29,18 +29,22 @@ double unreadable(sys_days) { throw std::runtime_error("no such table"); }
 TEST_F(NativeTest, BothWarningsReachTheLogOrNobody) {
   for (Log* const to : {static_cast<Log*>(&log), static_cast<Log*>(nullptr)}) {
     DailySpend spend(
-        5.0, [this] { return today; }, unreadable, to);
+        4.5, [this] { return today; }, unreadable, to);
     spend.charge({.cost = 5.00012});
     EXPECT_THAT([&] { spend.admit([] { return 0.25; }).release(); },
                 ThrowsMessage<DecisionBudgetExceeded>(
-                    "the daily decision cost cap is reached: $5.0001 of $5.00 spent today (UTC)"));
+                    "the daily decision cost cap is reached: $5.0001 of $4.50 spent today (UTC)"));
   }
   EXPECT_THAT(
       log.warnings,
       ElementsAre("Could not read what the decision calls of 2024-02-29 cost; the daily cap "
                   "counts from 0: no such table",
-                  "The daily decision cost cap is reached: $5.0001 of $5.00 spent today (UTC); "
+                  "The daily decision cost cap is reached: $5.0001 of $4.50 spent today (UTC); "
                   "paid calls resume tomorrow, cached answers are still used"));
+  DailySpend(
+      1.0, [this] { return today; }, unreadable, &log)
+      .spent();
+  EXPECT_THAT(log.warnings, SizeIs(3));
 }
 
 TEST_F(NativeTest, AnExhaustedPassRefusesWithItsSummary) {
@@ -79,6 +83,11 @@ TEST_F(NativeTest, ASnapshotTellsWhatIsCountedAndWhatIsHeld) {
   EXPECT_EQ(snapshot(spend), (DaySnapshot{today, 0.125, {.holders = 1, .amount = 0.25}}));
   today += days(1);
   EXPECT_EQ(snapshot(spend).day, today - days(1)) << "a snapshot starts no day";
+  today = sys_days();  // Any date may be the first.
+  EXPECT_EQ(DailySpend(
+                1.0, [this] { return today; }, [](sys_days) { return 0.5; })
+                .spent(),
+            0.5);
 
   RunBudget budget{.max_calls = 4, .max_tokens = 100};
   budget.charge({.input_tokens = 7, .cost = 0.0000001});

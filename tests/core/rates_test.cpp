@@ -22,13 +22,4 @@ TEST(RequestRates, AReplyThatCannotBeReadStillMakesItsFeatureKnown) {
   EXPECT_EQ(rates.tokens(10), 0.0);
 }
 
-TEST(RequestRates, EachOperationTakesTheLockOnce) {
-  RequestRates<Scripted> rates;
-  rates.learn(10, "rank", {});
-  rates.cost(10, "rank");
-  rates.tokens(10);
-  EXPECT_EQ(rates.lock_.taken, 3);
-  EXPECT_FALSE(rates.lock_.held);
-}
-
 }  // namespace decision_bounds

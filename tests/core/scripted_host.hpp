@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <limits>
 #include <stdexcept>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -31,19 +32,39 @@ struct Interrupt {};
 /// A function of any kind that fails so.
 inline constexpr auto interrupt = [](const auto&...) -> double { throw Interrupt(); };
 
+/// What a call did, in order, each step before a space.
+using Steps = std::string;
+
 /// The lock of a test with one thread. Its sleep runs a function of the test, in which the calls in
 /// flight go on.
 struct ScriptedCondition {
+  void note(const char* step) const {
+    if (steps != nullptr) {
+      *steps += std::string(step) + " ";
+    }
+  }
+
+  Steps* steps = nullptr;  ///< Where they are noted, if anywhere.
   int levels = 0;
   int taken = 0;  ///< How often it was taken anew, but for what is done in a sleep.
   int wake_alls = 0;
   std::vector<double> sleeps;  ///< The seconds that each sleep asked for.
   std::function<void()> asleep = [] {};
 
-  void lock() { taken += levels++ == 0 ? 1 : 0; }
-  void unlock() { --levels; }
+  void lock() {
+    if (levels++ == 0) {
+      ++taken;
+      note("lock");
+    }
+  }
+  void unlock() {
+    if (--levels == 0) {
+      note("unlock");
+    }
+  }
   void wait(double seconds) {
     EXPECT_GT(levels, 0);
+    note("sleep");
     sleeps.push_back(seconds);
     if (sleeps.size() > 100) {
       throw std::logic_error("nothing ends this wait");
@@ -56,44 +77,56 @@ struct ScriptedCondition {
   }
 };
 
-/// A lock of a test with one thread: how often it was taken.
-struct CountedMutex {
-  int taken = 0;
-  bool held = false;
-
-  void lock() {
-    ++taken;
-    held = true;
-  }
-  void unlock() { held = false; }
-};
-
-/// A tally that is changed with the lock held, where it has one.
+/// A tally that is used with the lock held, where it has one.
 struct GuardedTally : native::HeldRecord {
   const ScriptedCondition* lock = nullptr;
 
+  bool admits(double share, auto used, auto limit) const {
+    note("admits");
+    return HeldRecord::admits(share, used, limit);
+  }
   void take_or_nothing(double share) {
-    EXPECT_TRUE(lock == nullptr || lock->levels > 0);
+    note("take");
     Held::take_or_nothing(share);
   }
   void give_back(double share) {
-    EXPECT_TRUE(lock == nullptr || lock->levels > 0);
+    note("give_back");
     Held::give_back(share);
+  }
+
+ private:
+  void note(const char* step) const {
+    if (lock != nullptr) {
+      EXPECT_GT(lock->levels, 0);
+      lock->note(step);
+    }
   }
 };
 
 /// Numbers, callbacks and errors are those of plain C++.
 struct Scripted : native::Native {
   using Condition = ScriptedCondition;
-  using Mutex = CountedMutex;
+  using Mutex = ScriptedCondition;
   using HeldRecord = GuardedTally;
 
   bool cost_is_unreadable = false;
   bool share_cannot_be_made = false;
+  static inline const ScriptedCondition* noting = nullptr;  ///< Notes its steps, if anything does.
 
-  double cost(Reply reply) const { return cost_is_unreadable ? interrupt() : reply.cost; }
+  static bool cached(Reply reply) { return noted("cached", reply.cached); }
+  static native::Count input_tokens(Reply reply) { return noted("tokens", reply.input_tokens); }
+  double cost(Reply reply) const {
+    return noted("cost", cost_is_unreadable) ? interrupt() : reply.cost;
+  }
+  static native::Summary summary(const auto& budget) {
+    return noted("summary", Native::summary(budget));
+  }
+  void warn(const char* text, double cost, double cap) const {
+    Native::warn(text, noted("warn", cost), cap);
+  }
   static void notify_all(Condition& changed) {
     EXPECT_GT(changed.levels, 0);
+    changed.note("wake");
     ++changed.wake_alls;
   }
   void wait(Condition& changed, const StopFunction& stopping, const Deadline& deadline = {},
@@ -104,12 +137,21 @@ struct Scripted : native::Native {
     return [&budget] { return budget.stopping(); };
   }
   HeldShare make_share(auto& bound, double held) const {
-    if (share_cannot_be_made) {
+    if (noted("share", share_cannot_be_made)) {
       throw Interrupt();
     }
     return HeldShare([&bound, held, host = *this](const native::PaidReply* reply) {
       bound.give_back(held, reply, host);
     });
+  }
+
+ private:
+  template <typename Value>
+  static Value noted(const char* step, Value value) {
+    if (noting != nullptr) {
+      noting->note(step);
+    }
+    return value;
   }
 };
 static_assert(Host<Scripted>);

@@ -41,7 +41,8 @@ TEST_F(ShareTest, AMovedShareIsGivenBackOnceByItsNewOwner) {
   HeldShare first = share();
   {
     const HeldShare second = std::move(first);
-    first.settle({.cost = 0.25});  // NOLINT: nothing is left in it.
+    first.settle({.cost = 0.25});                // NOLINT: nothing is left in it.
+    const HeldShare nothing = std::move(first);  // NOLINT: the same.
     EXPECT_THAT(given_back, ElementsAre());
   }
   EXPECT_THAT(given_back, ElementsAre(-1.0));

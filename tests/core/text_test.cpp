@@ -35,7 +35,7 @@ TEST(Text, FixedTextRoundsAsTheExactValueLies) {
   const std::pair<double, const char*> cases[] = {
       {0.03125, "0.0312"}, {0.09375, "0.0938"},   {0.00015, "0.0001"},
       {1.00005, "1.0001"}, {-0.00001, "-0.0000"}, {1e22, "10000000000000000000000.0000"},
-      {unknown, "inf"}};
+      {unknown, "inf"},    {-not_a_number, "nan"}};
   for (const auto& [value, text] : cases) {
     EXPECT_EQ(fixed_text(value, 4), text);
   }

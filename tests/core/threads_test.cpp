@@ -99,6 +99,15 @@ TEST(Threads, ASnapshotWaitsForTheLock) {
   budget.calls = 1;
   changing.unlock();
   EXPECT_EQ(reading.get().calls, 1);
+
+  DailySpend spend(1.0, [] { return std::chrono::sys_days(); });
+  std::future<DaySnapshot> reading_day;
+  const HeldShare share = spend.admit([&] {
+    reading_day = std::async(std::launch::async, [&] { return snapshot(spend); });
+    EXPECT_EQ(reading_day.wait_for(20ms), std::future_status::timeout);
+    return 0.5;
+  });
+  EXPECT_EQ(reading_day.get().held.amount, 0.5);
 }
 
 TEST(Threads, ASleepingCallSeesAStopThatNothingSignals) {

@@ -109,7 +109,13 @@ TEST_F(PassWalk, IsAsTheModelSays) {
 struct DayWalk : Walk, native::Log {
   DayWalk() { host.log = this; }
   ScriptedCondition& changed() override { return account->changed_; }
-  void warning(const std::string&) override { ++warnings; }
+  void warning(const std::string& text) override {
+    ++warnings;
+    if (text.starts_with("The daily")) {
+      EXPECT_TRUE(account->capped_) << "another refusal would warn again";
+      EXPECT_EQ(changed().levels, 0) << "the log may take its time";
+    }
+  }
 
   /// The model of a date that changes: what the ledger has, in every second month.
   void roll() {
