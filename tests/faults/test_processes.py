@@ -7,7 +7,7 @@ import unittest
 from concurrent.futures import ThreadPoolExecutor
 
 from tests.faults.support import LONG, ProcessTest
-from tests.module.test_locking import EXIT_WITH_FAILURES, EXIT_WITH_WAITERS
+from tests.module.test_threads import EXIT_WITH_FAILURES, EXIT_WITH_WAITERS
 
 # Every child of a process with calls in flight and waiting ends its own calls and makes new ones.
 FORK = """

@@ -76,7 +76,8 @@ class LoggedCondition:
     def __enter__(self) -> None:
         self.calls.append("enter")
 
-    def __exit__(self, kind: Any, error: Any, _traceback: Any) -> bool:
+    def __exit__(self, kind: Any, error: Any, traceback: Any) -> bool:
+        self.traceback = traceback
         self.calls.append("exit" if error is None else ("exit", kind, error))
         return self._swallows
 

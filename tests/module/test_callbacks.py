@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import math
 import sys
+import traceback
 import unittest
 from collections.abc import Iterator
 from decimal import Decimal
@@ -22,6 +23,10 @@ class CallbacksTest(unittest.TestCase):
             operation(*args)
         self.assertIs(caught.exception, error)
         self.assertIsNone(error.__context__)
+
+    def test_only_the_stop_that_never_comes_is_not_asked(self) -> None:
+        budget = bounds.RunBudget(9, 9, should_stop=bounds._nothing)
+        self.assertRaises(TypeError, budget.stopping)
 
     def test_a_failing_stop_leaves_the_budget_as_it_was(self) -> None:
         for answers in range(3):  # Fails on entry, in the first wait and in the next.
@@ -68,6 +73,11 @@ class CallbacksTest(unittest.TestCase):
             self.assertEqual(spend._held, bounds._Held())
             self.assertEqual(spend._cost, 0.0)
             self.assertTrue(is_free(spend._changed))
+        try:
+            admit(account()).settle(LoggedReply(Reply(), "cost", boom))
+        except Boom:
+            frames = traceback.extract_tb(boom.__traceback__)
+            self.assertEqual(frames[-1].name, "__getattr__")
 
     def test_replies_are_read_once_in_order_and_what_was_done_stays(self) -> None:
         order = ["cached", "input_tokens", "cost"]
@@ -151,6 +161,8 @@ class CallbacksTest(unittest.TestCase):
         budget = bounds.RunBudget(9, 9, _held_tokens=Tally())
         self.assertRaises(TypeError, budget.reserve, Decimal(1))
         self.assertEqual(budget._held_tokens, Tally())
+        budget.reserve(1.0)
+        self.assertEqual(budget._held_tokens, Tally(1, 1.0))
 
     def test_a_share_that_cannot_be_added_has_its_holder_counted(self) -> None:
         held = bounds._Held(1, 0.5)
@@ -172,6 +184,8 @@ class CallbacksTest(unittest.TestCase):
             raise LookupError
         except LookupError as error:
             self.assertIs(next(steps), error)
+            self.assertRaises(TypeError, budget.reserve, Decimal(1))
+            self.assertIs(sys.exc_info()[1], error)
         self.assertIsNone(next(steps))
 
     def test_functions_are_asked_as_often_as_the_call_tests(self) -> None:

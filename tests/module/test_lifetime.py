@@ -25,6 +25,7 @@ class LifetimeTest(unittest.TestCase):
             (bounds.RequestRates, lambda it: setattr(it, "_cost", it)),
             (budget, lambda it: setattr(it, "should_stop", it.stopping)),
             (budget, lambda it: setattr(it, "note", it.hold(1.0))),
+            (budget, lambda it: setattr(it._changed, "note", it)),
             (account, lambda it: setattr(it, "_today", lambda: it)),
             (account, lambda it: setattr(it, "note", admit(it))),
         ]
@@ -42,6 +43,9 @@ class LifetimeTest(unittest.TestCase):
         references = [weakref.ref(share) for share in (budget.hold(3.0), admit(spend, 2.0))]
         gc.collect()
         self.assertEqual([reference() for reference in references], [None, None])
+        # Others give back no more than what is theirs.
+        budget.hold(4.0).settle(None)
+        admit(spend, 1.0).settle(Reply())
         self.assertEqual(budget.in_flight, 1)
         self.assertEqual(budget._held_tokens, bounds._Held(1, 3.0))
         self.assertEqual(spend._held, bounds._Held(1, 2.0))
@@ -51,7 +55,7 @@ class LifetimeTest(unittest.TestCase):
         reply = Reply(cost=0.5)
         amount = float("2.5")
         unread = LoggedReply(Reply(), "cost", boom)
-        used = [boom, reply, amount, unread, bounds.Share, bounds._Held, bounds._Charges]
+        used = [boom, Boom, reply, amount, unread, bounds.Share, bounds._Held, bounds._Charges]
         used += [bounds.RequestRates, bounds.RunBudget, bounds.DailySpend, bounds.never]
 
         def use() -> None:

@@ -1,52 +1,35 @@
-"""Locks and conditions of any make, and real threads: rushes, waiters, interrupts and exits."""
+"""Locks and conditions of any make: entered and left as a `with` statement does it."""
 
 from __future__ import annotations
 
 import math
-import signal
 import sys
 import threading
-import time
 import unittest
-from collections.abc import Callable, Iterator
-from contextlib import contextmanager
+from fractions import Fraction
 from subprocess import PIPE, Popen
 from typing import Any
 from unittest import mock
 
-from tests.module.support import PATIENCE_S, Background, LoggedCondition, Reply
-from tests.module.support import account, admit, bounds, full_budget, is_free, load_copy, wait_until
+from tests.module.support import PATIENCE_S, Background, Boom, LoggedCondition, Reply
+from tests.module.support import account, admit, bounds, full_budget, is_free, load_copy
 
-EXIT_WITH_WAITERS = """
-import math, threading, time
-from functools import partial
+# Looking for the waiters of a condition replaces its lock, which nothing else refers to.
+REPLACED_LOCK = """
+import threading
 from engines import decision_bounds as bounds
-bounds._POLL_S = 0.001
-budget, spend = bounds.RunBudget(9, 9), bounds.DailySpend(9.0, lambda: "2024-05-01", None)
-admit = partial(spend.admit, lambda: math.inf, deadline=9e9, clock=float, stopping=bounds.never)
-shares = [budget.hold(math.inf), admit()]
-for call in [budget.reserve, admit] * 3:
-    threading.Thread(target=call, daemon=True).start()
-time.sleep(0.05)
-"""
-
-# A ledger that fails each day, whose warning is slow to be logged: most of the time is spent there.
-EXIT_WITH_FAILURES = """
-import itertools, logging, threading, time
-from engines import decision_bounds as bounds
-class Slow(logging.Handler):
-    def emit(self, record):
-        time.sleep(0.0005)
-bounds.logger.addHandler(Slow())
-bounds.logger.propagate = False
-def spend_for_ever():
-    days = map(str, itertools.count())
-    spend = bounds.DailySpend(1.0, lambda: next(days), lambda day: 1 / 0)
-    while True:
-        spend.spent()
-for _ in range(3):
-    threading.Thread(target=spend_for_ever, daemon=True).start()
-time.sleep(0.05)
+class Key(str):
+    __hash__ = str.__hash__
+    def __eq__(self, other):
+        vars(changed)["_lock"] = threading.RLock()
+        return str.__eq__(self, other)
+changed = threading.Condition()
+changed.__dict__ = {Key(n) if n == "_waiters" else n: v for n, v in vars(changed).items()}
+budget = bounds.RunBudget(9, 9, _changed=changed)
+changed._lock = threading.RLock()
+for name in ("acquire", "release", "_is_owned"):
+    setattr(changed, name, getattr(threading.RLock(), name))
+budget.summary()
 """
 
 ENTERED = ["enter", "exit"]
@@ -55,32 +38,6 @@ NOTIFIED = ["enter", "notify_all", "exit"]
 asks_who_owns = unittest.skipUnless(
     sys.version_info < (3, 13), "looking for `_is_owned` at each use would cost too much"
 )
-
-
-def rush(work: Callable[[], Any], threads: int = 64) -> None:
-    """Run ``work`` on all threads at once, with the interpreter switching often between them."""
-    start = threading.Barrier(threads)
-
-    def started_together() -> None:
-        start.wait()
-        work()
-
-    interval = sys.getswitchinterval()
-    sys.setswitchinterval(1e-5)
-    try:
-        for call in [Background(started_together) for _ in range(threads)]:
-            call.result()
-    finally:
-        sys.setswitchinterval(interval)
-
-
-@contextmanager
-def asleep(bound: Any, call: Callable[[], Any]) -> Iterator[list[Background]]:
-    """Start calls that wait for ``bound``, with no poll to wake them, and go on once all sleep."""
-    with mock.patch.object(bounds, "_POLL_S", 10 * PATIENCE_S):
-        calls = [Background(call) for _ in range(4)]
-        wait_until(lambda: len(bound._changed._waiters) == len(calls))
-        yield calls
 
 
 class ConditionsTest(unittest.TestCase):
@@ -106,13 +63,31 @@ class ConditionsTest(unittest.TestCase):
             refusing.reserve()
         left = ("exit", bounds.DecisionBudgetExceeded, caught.exception)
         self.assertEqual(refusing._changed.calls, ["enter", left])
+        spend = account(today=mock.Mock(side_effect=Boom))
+        spend._changed = LoggedCondition()
+        self.assertRaises(Boom, spend.spent)
+        self.assertIsNotNone(spend._changed.traceback)
+
+        class Failing(LoggedCondition):
+            def __enter__(self) -> None:
+                super().__enter__()
+                Failing.__exit__ = None  # type: ignore[assignment]
+
+            def __exit__(self, *error: Any) -> bool:
+                super().__exit__(*error)
+                raise Boom
+
+        refusing._changed = Failing()
+        self.assertRaises(Boom, refusing.summary)
+        self.assertEqual(refusing._changed.calls, ENTERED)
         refusing._changed = LoggedCondition(swallows=True)
         self.assertIsNone(refusing.reserve())
         # The protocol is looked up on the type, so what the object itself has does not count.
         event: Any = threading.Event()
         event.__enter__ = event.__exit__ = mock.Mock()
         refusing._changed = event
-        self.assertRaises((AttributeError, TypeError), refusing.summary)
+        with self.assertRaisesRegex((AttributeError, TypeError), "Event' object|__enter__"):
+            refusing.summary()
 
     def test_a_wait_sleeps_to_the_deadline_and_no_longer_than_a_poll(self) -> None:
         changed = LoggedCondition()
@@ -121,6 +96,8 @@ class ConditionsTest(unittest.TestCase):
             self.assertEqual(changed.calls.pop(), ("wait", slept))
         with self.assertRaisesRegex(bounds.DecisionTimeout, "^the decision call ran out of its "):
             bounds._wait(changed, bounds.never, deadline=2, clock=lambda: 2.0)
+        with self.assertRaises(bounds.DecisionTimeout):
+            bounds._wait(changed, bounds.never, deadline=Fraction(2), clock=lambda: 2)
         with self.assertRaisesRegex(bounds.DecisionStopped, "^the pass was asked to stop$"):
             bounds._wait(changed, lambda: True, deadline=0.0, clock=None)
 
@@ -165,18 +142,21 @@ class ConditionsTest(unittest.TestCase):
         lock._is_owned.assert_called_once_with()
         budget = bounds.RunBudget(9, 9)
         changed = budget._changed
-        changed._is_owned = mock.Mock(return_value=False)
-        self.assertRaises(RuntimeError, budget.release)
+        for unowned in (mock.Mock(return_value=False), [].copy):
+            changed._is_owned = unowned
+            self.assertRaises(RuntimeError, budget.release)
         self.assertTrue(is_free(changed))
 
     @unittest.skipUnless(sys.version_info < (3, 11), "later versions tag each state only once")
     def test_a_patched_class_is_seen_when_version_tags_come_back(self) -> None:
-        budget = bounds.RunBudget(10**6, 10**6)
-        made, init = [], bounds.Share.__init__
-        kinds: tuple[Any, ...] = (threading.Condition, bounds.Share)
+        # Of a copy, as a class that was patched has no short ways any more.
+        module = load_copy("decision_bounds")
+        budget = module.RunBudget(10**6, 10**6)
+        made, init = [], module.Share.__init__
+        kinds: tuple[Any, ...] = (threading.Condition, module.Share)
         notify_all = mock.Mock()
         with mock.patch.object(threading.Condition, "notify_all", notify_all), mock.patch.object(
-            bounds.Share, "__init__", lambda *args: made.append(init(*args))
+            module.Share, "__init__", lambda *args: made.append(init(*args))
         ):
             sys._clear_type_cache()
             for number in range(20_000):
@@ -201,12 +181,39 @@ class ConditionsTest(unittest.TestCase):
                 entered.append(self)
                 self.release()
 
-        for kind in (Condition, RLock):
-            with mock.patch.object(threading, kind.__name__, kind):
+        class Entering(type(threading.RLock())):  # type: ignore[misc]
+            def __enter__(self) -> bool:
+                entered.append(self)
+                return bool(self.acquire())
+
+        for name, kind in (("Condition", Condition), ("RLock", RLock), ("RLock", Entering)):
+            with mock.patch.object(threading, name, kind):
                 budget = load_copy("decision_bounds").RunBudget(9, 9)
             budget.summary()
             self.assertIs(type(entered.pop()), kind)
             self.assertEqual(entered, [])
+        genuine = threading.Condition
+        with mock.patch.object(threading, "Condition", lambda: genuine()):
+            load_copy("decision_bounds").RunBudget(9, 9).reserve()
+
+    def test_a_derived_condition_and_foreign_waiters_are_asked(self) -> None:
+        asked: list[str] = []
+
+        class Condition(threading.Condition):
+            def __enter__(self) -> bool:
+                asked.append("enter")
+                return super().__enter__()
+
+        class Waiters(list[Any]):
+            def __len__(self) -> int:
+                asked.append("waiters")
+                return 0
+
+        bounds.RunBudget(9, 9, _changed=Condition()).summary()
+        budget = bounds.RunBudget(9, 9)
+        budget._changed._waiters = Waiters()
+        budget.release()
+        self.assertEqual(set(asked), {"enter", "waiters"})
 
     def test_locks_of_the_caller_are_used(self) -> None:
         lock = mock.MagicMock()
@@ -241,75 +248,7 @@ class ConditionsTest(unittest.TestCase):
             self.assertEqual(budget.in_flight, 1)
             self.assertEqual(budget._held_tokens.amount, 1.0)
 
-
-class ThreadsTest(unittest.TestCase):
-    def test_a_rush_stays_within_the_bounds(self) -> None:
-        spend = account(cap=100.0)
-        budget = bounds.RunBudget(10**6, 2000)
-        used: list[float] = []  # What was settled and held of the cap after each admission, USD.
-
-        def pay() -> None:
-            with self.assertRaisesRegex(bounds.DecisionBudgetExceeded, "cost cap"):
-                for tokens in [math.inf, *[10.0] * 1000]:
-                    with budget.hold(tokens) as slot, admit(spend) as share:
-                        used.append(spend._cost + spend._held.amount)
-                        # One share of three ends without a reply.
-                        if len(used) % 3:
-                            slot.settle(Reply(input_tokens=10))
-                            share.settle(Reply(cost=1.0))
-
-        with self.assertLogs(bounds.logger, "WARNING") as logs:
-            rush(pay)
-        self.assertEqual(len(logs.records), 1)
-        self.assertEqual(spend.spent(), 100.0)
-        self.assertLessEqual(max(used), 100.0)
-        self.assertEqual(spend._held, bounds._Held())
-        self.assertEqual(budget, bounds.RunBudget(10**6, 2000, 100, 1000))
-        self.assertEqual(budget._held_tokens, bounds._Held())
-
-    def test_a_share_is_given_back_once_when_threads_race(self) -> None:
-        given: list[Any] = []
-        shares = [bounds.Share(given.append) for _ in range(500)]
-        rush(lambda: [share.settle(None) for share in shares], threads=8)
-        self.assertEqual(len(given), len(shares))
-
-    def test_whatever_makes_room_wakes_every_waiter(self) -> None:
-        for end in (None, Reply(input_tokens=1)):
-            budget = bounds.RunBudget(9, 9)
-            spend = account()
-            for bound, share, call in (
-                (budget, budget.hold(math.inf), budget.reserve),
-                (spend, admit(spend, math.inf), lambda: admit(spend)),
-            ):
-                with asleep(bound, call) as calls:
-                    share.settle(end)
-                    for waiter in calls:
-                        waiter.result()
-        spend._held.amount = 9.0
-        with asleep(spend, lambda: admit(spend)) as calls, self.assertLogs(bounds.logger):
-            spend.charge(Reply(cost=5.0))
-            for waiter in calls:
-                self.assertRaises(bounds.DecisionBudgetExceeded, waiter.result)
-
-    def test_an_interrupt_ends_a_wait_at_once(self) -> None:
-        budget = full_budget()
-        main = threading.get_ident()
-
-        def interrupt() -> None:
-            wait_until(lambda: bool(budget._changed._waiters))
-            time.sleep(0.05)
-            signal.pthread_kill(main, signal.SIGINT)
-
-        before = signal.signal(signal.SIGINT, signal.default_int_handler)
-        self.addCleanup(signal.signal, signal.SIGINT, before)
-        with mock.patch.object(bounds, "_POLL_S", 10 * PATIENCE_S):
-            Background(interrupt)
-            self.assertRaises(KeyboardInterrupt, budget.hold, 1.0)
-        self.assertTrue(is_free(budget._changed))
-        self.assertEqual(budget.in_flight, 0)
-
-    def test_the_interpreter_ends_while_threads_wait(self) -> None:
-        programs = [EXIT_WITH_WAITERS, EXIT_WITH_FAILURES] * 6
-        for ended in [Popen([sys.executable, "-c", each], stderr=PIPE) for each in programs]:
-            self.assertEqual(ended.communicate(timeout=PATIENCE_S)[1], b"")
-            self.assertEqual(ended.returncode, 0)
+    def test_a_lock_that_is_replaced_while_it_is_looked_for_is_not_used(self) -> None:
+        with Popen([sys.executable, "-c", REPLACED_LOCK], stderr=PIPE) as run:
+            self.assertEqual(run.communicate(timeout=PATIENCE_S)[1], b"")
+            self.assertEqual(run.returncode, 0)

@@ -3,7 +3,10 @@
 from __future__ import annotations
 
 import gc
+import importlib.util
 import math
+import sys
+import threading
 import unittest
 import weakref
 from functools import partial
@@ -28,6 +31,8 @@ class LookupsTest(unittest.TestCase):
         with rebound(DecisionStopped=OtherError, DecisionTimeout=OtherError):
             self.assertRaises(OtherError, bounds.RunBudget(9, 9, should_stop=lambda: True).reserve)
             self.assertRaises(OtherError, lambda: admit(spend, **late))
+        with rebound(DecisionStopped=str):
+            self.assertRaises(TypeError, bounds.RunBudget(9, 9, should_stop=lambda: True).reserve)
         with rebound(DecisionBudgetExceeded=OtherError, logger=mock.DEFAULT) as names:
             self.assertRaises(OtherError, bounds.RunBudget(0, 9).hold, 1.0)
             self.assertRaises(OtherError, admit, account(cap=0))
@@ -62,6 +67,12 @@ class LookupsTest(unittest.TestCase):
             rates = bounds.RequestRates()
             self.assertIs(type(rates._cost), charges)
             self.assertIs(type(rates._tokens), charges)
+        kinds = {name: mock.Mock() for name in ("Condition", "Lock")}
+        genuine = threading.Condition
+        with mock.patch.multiple(threading, **kinds):
+            self.assertIs(account()._changed, kinds["Condition"].return_value)
+            self.assertIs(bounds.RequestRates()._lock, kinds["Lock"].return_value)
+            self.assertIs(type(bounds.RunBudget(9, 9)._changed), genuine)
 
     def test_a_deleted_name_is_a_name_error(self) -> None:
         other = load_copy("decision_bounds")
@@ -73,6 +84,19 @@ class LookupsTest(unittest.TestCase):
         }.items():
             delattr(other, name)
             self.assertRaisesRegex(NameError, f"'{name}'", operation)
+
+    def test_a_copy_that_is_never_executed_ends_without_harm(self) -> None:
+        found = importlib.util.spec_from_file_location("decision_bounds", bounds.__file__)
+        assert found
+        kept = weakref.ref(importlib.util.module_from_spec(found))
+        gc.collect()
+        self.assertIsNone(kept())
+        counts = []
+        for _ in range(3):
+            load_copy("decision_bounds")
+            gc.collect()
+            counts.append(sys.getrefcount(threading.Condition))
+        self.assertEqual(counts[1], counts[2])
 
     def test_copies_of_the_module_share_nothing(self) -> None:
         for name in ("decision_bounds", "client.engines.decision_bounds", bounds.__name__):

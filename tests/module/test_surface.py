@@ -122,6 +122,8 @@ class SurfaceTest(unittest.TestCase):
                     name = f"__{name}__"
                     self.assertEqual(getattr(own, name), getattr(like, name), name)
                 self.assertTrue(own.__doc__ or dotted.endswith("__"))
+                self.assertIn(f" {dotted}", repr(own))
+                self.assertIs(pickle.loads(pickle.dumps(own)), own)
 
     def test_argument_errors_are_worded_as_the_hosts(self) -> None:
         made = [bounds.Share(), bounds._Held(), bounds.RunBudget(1, 2), account()]

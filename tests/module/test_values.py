@@ -26,6 +26,13 @@ class Amount(float):
         return other - float(self)
 
 
+class Tokens(int):
+    """The same of integers."""
+
+    def __radd__(self, other: int) -> int:
+        return 100 + other + int(self)
+
+
 class ValuesTest(unittest.TestCase):
     def test_values_fail_only_where_they_are_used(self) -> None:
         budget = bounds.RunBudget(max_calls="many", max_tokens=None, cost="free")
@@ -45,13 +52,32 @@ class ValuesTest(unittest.TestCase):
         self.assertTrue(bounds._Held().admits(1.0, 2**53, 2**53 + 1))
         self.assertTrue(bounds._Held(amount=0).admits(1, 10**400, 10**400 + 1))
         self.assertFalse(bounds.RunBudget(2**53 + 1, 1, calls=2**53, in_flight=0.0).exhausted())
+        budget = bounds.RunBudget(9, 9, input_tokens=2**53 - 1)
+        budget.charge(Reply(input_tokens=2))
+        self.assertEqual(budget.input_tokens, 2**53 + 1)
+        budget = bounds.RunBudget(9, 9)
+        budget.charge(Reply(input_tokens=Tokens(2)))
+        self.assertEqual(budget.input_tokens, 102)
+        self.assertEqual(repr(bounds._Charges(2).bound(3)), "6")
+
+    def test_values_are_the_objects_that_came_in(self) -> None:
+        cost, tally = float("0.5"), mock.Mock()
+        budget = bounds.RunBudget(9, 9, cost=cost, _held_tokens=tally)
+        budget.hold(cost)
+        self.assertIs(budget.cost, cost)
+        self.assertIs(tally.take.call_args.args[0], cost)
+        budget.charge(Reply(cost=0.25))
+        self.assertIs(budget.cost, budget.cost)
+        self.assertIsNot(budget.summary(), budget.summary())
 
     def test_types_stay_what_they_are(self) -> None:
         held = bounds._Held(0, Fraction(0))
         held.take(Fraction(1, 3))
         held.take(True)
         held.take(Decimal("-Infinity"))
-        self.assertEqual(repr(held), "_Held(holders=3, amount=Fraction(4, 3), unbounded=1)")
+        held.take(Fraction(-1))
+        self.assertEqual(repr(held), "_Held(holders=4, amount=Fraction(1, 3), unbounded=1)")
+        self.assertFalse(bounds._Held(-0.5).admits(math.inf, 0, 9))
         budget = bounds.RunBudget(True, 9, cost=Decimal(1))
         budget.charge(Reply(input_tokens=True, cost=Decimal("0.0000015")))
         text = "{'calls': 1, 'cache_hits': 0, 'input_tokens': 1, 'cost_usd': Decimal('1.000002'),"
@@ -130,3 +156,9 @@ class ValuesTest(unittest.TestCase):
         self.assertEqual(repr(spend.spent()), "1.0")
         self.assertIs(ledger.call_args.args[0], day)
         self.assertIs(spend._day, day)
+        # A date that is unlike itself is new each time.
+        spend._today = lambda: math.nan
+        ledger.reset_mock()
+        spend.spent()
+        spend.spent()
+        self.assertEqual(ledger.call_count, 2)
