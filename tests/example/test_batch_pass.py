@@ -256,8 +256,8 @@ class BatchPassTest(unittest.TestCase):
         for name, content in (("empty", b" \r\n"), ("bytes", b"one\n\n\xff\xfe\x00\n")):
             (self.folder / name).write_bytes(content)
         mistakes: dict[tuple[object, ...], str] = {
-            (self.folder / "none",): "No such file",
-            (self.folder,): "directory",
+            (self.folder / "none",): "cannot read .*No such file",
+            (self.folder,): "cannot read .*directory",
             (self.folder / "empty",): "no requests",
             (self.folder / "bytes",): "line 3 is not UTF-8",
             ("--ledger", self.folder): "cannot open the ledger",
@@ -265,9 +265,9 @@ class BatchPassTest(unittest.TestCase):
             ("--ledger", self.requests): "cannot open the ledger",
             ("--ledger", foreign): "something else",
             ("--endpoint", "ftp://127.0.0.1"): "--endpoint",
-            ("--threads", 0): "--threads",
+            **{("--threads", threads): "--threads" for threads in (0, 257)},
             ("--max-calls", -1): "--max-calls",
-            **{("--cap", cap): "--cap" for cap in ("much", "nan", -1)},
+            **{("--cap", cap): "--cap" for cap in ("much", "nan", "inf", -1)},
         }
         started = {mistake: self.start(*mistake) for mistake in mistakes}
         for mistake, process in started.items():
