@@ -142,7 +142,8 @@ class ConditionsTest(unittest.TestCase):
         lock._is_owned.assert_called_once_with()
         budget = bounds.RunBudget(9, 9)
         changed = budget._changed
-        for unowned in (mock.Mock(return_value=False), [].copy):
+        answers_no: tuple[Any, ...] = (mock.Mock(return_value=False), [].copy)
+        for unowned in answers_no:
             changed._is_owned = unowned
             self.assertRaises(RuntimeError, budget.release)
         self.assertTrue(is_free(changed))

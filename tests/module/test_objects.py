@@ -69,7 +69,8 @@ class ObjectsTest(unittest.TestCase):
     def test_an_object_that_its_class_revives_goes_on(self) -> None:
         # Of a copy, as a class that was patched has no short ways any more.
         share = load_copy("decision_bounds").Share
-        for kind in (share, type("Derived", (share,), {})):
+        kinds: tuple[Any, ...] = (share, type("Derived", (share,), {}))
+        for kind in kinds:
             ended: list[Any] = []
             kind.__del__ = lambda self: ended.append(self)
             kind(None)

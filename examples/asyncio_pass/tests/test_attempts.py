@@ -10,7 +10,7 @@ import time
 from typing import Any
 from unittest import mock
 
-from aiohttp import web  # type: ignore[import]
+from aiohttp import web
 
 from engines.decision_bounds import DecisionStopped, RunBudget
 

@@ -16,14 +16,8 @@ from typing import Any, Callable
 from unittest import mock
 
 from engines import decision_bounds
-from engines.decision_bounds import (
-    DailySpend,
-    DecisionBudgetExceeded,
-    DecisionStopped,
-    DecisionTimeout,
-    RunBudget,
-    never,
-)
+from engines.decision_bounds import DailySpend, RunBudget, never
+from engines.decision_bounds import DecisionBudgetExceeded, DecisionStopped, DecisionTimeout
 
 from ...asyncio_pass.admission import admit, open_to_loops
 from ..bounds import BudgetInOrder, InTurn, SpendInOrder
@@ -228,12 +222,11 @@ class InOrderTest(unittest.TestCase):
         asyncio.run(main())
 
     def test_a_turn_and_a_stop_may_come_together(self) -> None:
-        told: list[object] = []
-        stopped = threading.Event()
+        stopped, tell = threading.Event(), mock.Mock()
 
         async def main(turn_is_first: bool) -> None:
             stopped.clear()
-            asyncio.get_running_loop().set_exception_handler(lambda *error: told.append(error))
+            asyncio.get_running_loop().set_exception_handler(tell)
             with self.day.turnstile.turn():
                 waits = asyncio.create_task(enter())
                 await asyncio.sleep(0.02)
@@ -250,7 +243,7 @@ class InOrderTest(unittest.TestCase):
 
         for turn_is_first in (True, False):
             asyncio.run(main(turn_is_first))
-        self.assertEqual(told, [])
+        tell.assert_not_called()
 
     def test_a_caller_at_the_front_that_fails_hands_the_turn_on(self) -> None:
         def failing() -> float:
