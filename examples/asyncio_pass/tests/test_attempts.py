@@ -93,7 +93,7 @@ class AttemptsTest(BoundsTest):
             self.assertRaises(DecisionStopped, budget.reserve)
 
     def test_an_answer_is_read_refused_or_may_have_been_billed(self) -> None:
-        wrong = [
+        wrong: list[Any] = [
             {**ANSWER, "input_tokens": -1},
             {**ANSWER, "cost_usd": "inf"},
             {"decision": ""},
@@ -116,7 +116,7 @@ class AttemptsTest(BoundsTest):
                 async with Remote(url) as remote:
                     with self.assertRaises(NotBilled):
                         await remote.ask("kind", "text")  # Nobody listens yet.
-                    self.assertEqual(remote._session.connector.limit, 0)
+                    self.assertEqual(getattr(remote._session.connector, "limit"), 0)
                     await web.SockSite(serving, bound).start()
                     for status, body, error in cases:
                         with self.assertRaises(error, msg=body):
