@@ -21,7 +21,7 @@ from typing import Any
 
 testing: Any = importlib.import_module("_testcapi")
 TEXT = Path(__file__).parents[2] / "engines/decision_bounds.pyi"
-PATIENCE_S = 5
+PATIENCE_S = 60
 REACHED = 3  # So many loads in a row that nothing has disturbed lie behind the last point.
 
 
