@@ -8,7 +8,6 @@
 namespace decision_bounds {
 
 using native::HeldShare;
-using native::PaidReply;
 
 /// The bounds, with a host that notes each step.
 struct StepsTest : ::testing::Test {
