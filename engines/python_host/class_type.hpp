@@ -140,6 +140,8 @@ int set_attribute(PyObject* object, PyObject* name, PyObject* value) {
     return PyObject_GenericSetAttr(object, name, value);
   }
   return entry(-1, [&] {
+    // The look-ups may run code that gives the object another class, and lets go of this one.
+    const Ref kept = as_object(type);
     const Ref key = Ref::to(name);
     const Ref own = attribute_of_type(storing, key);
     const Ref found = attribute_of_type(type, key);

@@ -13,7 +13,7 @@ from typing import Any
 from unittest import mock
 
 from tests.module.support import Boom, LoggedReply, Reply
-from tests.module.support import account, admit, bounds, extension_only, is_free
+from tests.module.support import account, admit, bounds, extension_only, is_free, load_copy
 
 
 class LifetimeTest(unittest.TestCase):
@@ -139,6 +139,32 @@ class LifetimeTest(unittest.TestCase):
                 made = make() if make is account else Seeing()
             self.assertEqual(names, fields.split())
             self.assertNotIn("hidden", [getattr(made, name) for name in names])
+
+    @extension_only
+    def test_a_class_is_kept_while_it_is_looked_into(self) -> None:
+        class Key(str):
+            __hash__ = str.__hash__
+            __eq__ = lambda *_: False
+
+        def let_go(*_: object) -> bool:
+            budget.__class__ = module.RunBudget
+            kinds.clear()
+            gc.collect()
+            kept.append(kind() is not None)
+            return False
+
+        module, kept = load_copy("decision_bounds"), list[bool]()
+        kinds: list[Any] = [type("Kind", (module.RunBudget,), {})]
+        budget, kind = kinds[0](9, 9), weakref.ref(kinds[0])
+        held = gc.get_referents(vars(module.RunBudget))[0]
+        descriptor = held.pop("max_calls")
+        held[Key("max_calls")] = None
+        held["max_calls"] = descriptor
+        module.RunBudget.note = None  # The class is looked into anew.
+        setattr(Key, "__eq__", let_go)
+        budget.max_calls = 5
+        setattr(Key, "__eq__", lambda *_: False)
+        self.assertEqual((budget.max_calls, kept[:1]), (5, [True]))
 
     def test_missing_fields_are_attribute_errors(self) -> None:
         for make, use, fields in (
