@@ -27,13 +27,15 @@ LockType LockType::of(const Ref& lock) {
   // The interpreter keeps every kind of C function under one pointer type.
   found.acquire = reinterpret_cast<PyCFunctionWithKeywords>(reinterpret_cast<void (*)()>(acquire));
   found.release = c_function(lock, "release", METH_NOARGS);
-  // A subclass may have the methods of its own that `with` calls.
+  // A subclass may have methods of its own in their place.
   if (acquire != nullptr && found.release != nullptr &&
       c_function(lock, "__enter__", METH_VARARGS | METH_KEYWORDS) == acquire &&
       c_function(lock, "__exit__", METH_VARARGS) == found.release) {
-    found.type = type_of(lock.get());
     if (!has_global_lock) {
       found.locked = c_function(lock, "locked", METH_NOARGS);
+    }
+    if (has_global_lock || found.locked != nullptr) {
+      found.type = type_of(lock.get());
     }
   }
   return found;

@@ -194,8 +194,15 @@ class ConditionsTest(unittest.TestCase):
             self.assertIs(type(entered.pop()), kind)
             self.assertEqual(entered, [])
         genuine = threading.Condition
-        with mock.patch.object(threading, "Condition", lambda: genuine()):
-            load_copy("decision_bounds").RunBudget(9, 9).reserve()
+
+        # Whether a lock is taken is asked where threads run side by side.
+        class Asked(type(threading.RLock())):  # type: ignore[misc]
+            def locked(self) -> bool:
+                return False
+
+        for name, replacement in (("Condition", lambda: genuine()), ("RLock", Asked)):
+            with mock.patch.object(threading, name, replacement):
+                load_copy("decision_bounds").RunBudget(9, 9).reserve()
 
     def test_a_derived_condition_and_foreign_waiters_are_asked(self) -> None:
         asked: list[str] = []
