@@ -125,6 +125,9 @@ int Locks::traverse(visitproc visit, void* arg) const {
 
 bool Locks::condition_type_is_unchanged() const {
   PyTypeObject* type = as_type(condition_type_);
+  if (type == nullptr) {
+    return false;
+  }
   if (class_version_of(type) == type_version_ && type_version_ != 0) {
     return true;
   }
@@ -197,10 +200,12 @@ Ref Locks::part_of(Condition& condition, const Ref& name,
 #endif
 
 bool Locks::is_plain(const Ref& condition) const {
+  // First: the look-ups on the type may run code that rebinds the field.
+  const bool type_is_unchanged = condition_type_is_unchanged();
   if (condition.get() == nullptr) {
     raise_unset_field();
   }
-  return Py_TYPE(condition.get()) == as_type(condition_type_) && condition_type_is_unchanged();
+  return type_is_unchanged && Py_TYPE(condition.get()) == as_type(condition_type_);
 }
 
 Entered Locks::enter(const Ref& lock, Delayed* interrupt, Section* section) const {
