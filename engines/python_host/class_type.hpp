@@ -88,7 +88,7 @@ void Instance<Bound>::dealloc(PyObject* object) {
 template <typename Bound, std::size_t index>
 PyObject* get_field(PyObject* object, void* /*closure*/) {
   return entry(static_cast<PyObject*>(nullptr), [&] {
-    const Section section(object);
+    const CriticalSection section(object);
     const auto& field = std::get<index>(ClassOf<Bound>::fields);
     PyObject* value = kept_object(Instance<Bound>::of(object)->bound.*field.member);
     if (value == nullptr) {
@@ -102,7 +102,7 @@ PyObject* get_field(PyObject* object, void* /*closure*/) {
 /// Sets the field at this place to any object, or deletes it.
 template <typename Bound, std::size_t index>
 int set_field(PyObject* object, PyObject* value, void* /*closure*/) {
-  const Section section(object);
+  const CriticalSection section(object);
   if (value == nullptr) {
     PyObject* present = get_field<Bound, index>(object, nullptr);
     if (present == nullptr) {
@@ -162,7 +162,7 @@ int set_attribute(PyObject* object, PyObject* name, PyObject* value) {
 template <typename Bound>
 PyObject* get_state(PyObject* object, PyObject* /*none*/) {
   return entry(static_cast<PyObject*>(nullptr), [&] {
-    const Section section(object);
+    const CriticalSection section(object);
     Instance<Bound>* self = Instance<Bound>::of(object);
     const Ref fields = checked(PyDict_New);
     for_each_field<Bound>([&](const auto& field) {
@@ -196,7 +196,7 @@ inline PyMethodDef methods_of[] = {
 template <typename Bound>
 Ref set_fields(const Python& /*host*/, const Arguments& arguments) {
   auto& bound = arguments.bound<Bound>();
-  const Section section(arguments[0]);
+  const CriticalSection section(arguments[0]);
   const bool is_exact = is_exact_type<Bound>(Py_TYPE(arguments[0]));
   std::size_t index = 0;
   for_each_field<Bound>([&](const auto& field) {

@@ -80,8 +80,8 @@ class GiveBackSlot {
     return *this;
   }
 
-  /// Takes out what is to be called, once. The interpreter's lock makes this one step: it runs no
-  /// code. Raises `AttributeError` where nothing is set.
+  /// Takes out what is to be called, once. The global lock, or the critical section of the share,
+  /// makes this one step: it runs no code. Raises `AttributeError` where nothing is set.
   GiveBackSlot exchange_for_none();
 
   explicit operator bool() const { return object_.get() != Py_None; }
@@ -140,7 +140,7 @@ struct RecordField : Ref {
     if (auto* exact = exact_bound<Record>(record.get())) {
       // The arguments may be fields of the owner.
       const auto use_exact = [&](const auto&... steady_arguments) {
-        const Section section(record.get());
+        const CriticalSection section(record.get());
         return (exact->*operation)(steady_arguments...);
       };
       return use_exact(steady(arguments)...);

@@ -1,7 +1,7 @@
 #pragma once
 
-/// What the interpreter's global lock gives for nothing, and what stands in its place where there
-/// is none: there, from CPython 3.14 on, threads use one object at the same time.
+/// What stands in the place of the interpreter's global lock where there is none: there, from
+/// CPython 3.14 on, threads use one object at the same time.
 
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
@@ -14,21 +14,22 @@ namespace decision_bounds::python {
 
 inline constexpr bool has_global_lock = false;
 
-/// Keeps other threads from the fields of an object, from here to the end of the block. It is as
-/// the global lock in this: it is given up where the thread blocks inside the interpreter, and had
-/// again when that returns, so what was read before may have changed.
+/// Keeps other threads from the fields of an object, from here to the end of the block. As the
+/// global lock, it is given up where the thread blocks inside the interpreter, and taken again
+/// before that returns, so what was read before may have changed. Unlike that, it is not given up
+/// from time to time: code that runs in it and never blocks keeps the others waiting.
 ///
-/// Of sections that stand inside each other only the innermost is had for certain. So a reference
-/// to a field of one object is not used in the section of another: `steady` is a copy for that.
-class Section {
+/// Of nested sections only the innermost is sure to be held. So a reference to a field of one
+/// object is not used in the section of another: `steady` is a copy for that.
+class CriticalSection {
  public:
-  explicit Section(PyObject* object) : object_(object) { begin(); }
-  ~Section() { end(); }
-  Section(const Section&) = delete;
-  Section& operator=(const Section&) = delete;
+  explicit CriticalSection(PyObject* object) : object_(object) { begin(); }
+  ~CriticalSection() { end(); }
+  CriticalSection(const CriticalSection&) = delete;
+  CriticalSection& operator=(const CriticalSection&) = delete;
 
  private:
-  friend class Outside;
+  friend class Suspension;
   void begin() { PyCriticalSection_Begin(&section_, object_); }
   void end() { PyCriticalSection_End(&section_); }
 
@@ -36,25 +37,26 @@ class Section {
   PyCriticalSection section_;
 };
 
-/// Gives the innermost section up, if there is one, for a block that waits for another thread. A
-/// thread tries for a while before it blocks, and the other may need the section to get on.
-class Outside {
+/// Gives up the innermost section, where it is not null, to the end of a block that waits for
+/// another thread. The interpreter itself does so when the thread blocks, after it has spun for a
+/// while; the other thread may need the section to get on.
+class Suspension {
  public:
-  explicit Outside(Section* section) : section_(section) {
+  explicit Suspension(CriticalSection* section) : section_(section) {
     if (section_ != nullptr) {
       section_->end();
     }
   }
-  ~Outside() {
+  ~Suspension() {
     if (section_ != nullptr) {
       section_->begin();
     }
   }
-  Outside(const Outside&) = delete;
-  Outside& operator=(const Outside&) = delete;
+  Suspension(const Suspension&) = delete;
+  Suspension& operator=(const Suspension&) = delete;
 
  private:
-  Section* section_;
+  CriticalSection* section_;
 };
 
 template <typename Value>
@@ -62,8 +64,8 @@ Value steady(const Value& field) {
   return field;
 }
 
-// Below, a new reference, or null with or without an error set: what a dictionary holds under a
-// key, what a type holds under a name, and the `__dict__` of an object that has one.
+// Each returns a new reference, or null with or without an error set: what a dictionary holds under
+// a key, what a type holds under a name, and the `__dict__` of an object that has one.
 inline PyObject* new_item(PyObject* dictionary, PyObject* key) {
   PyObject* value = nullptr;
   PyDict_GetItemRef(dictionary, key, &value);
@@ -74,7 +76,7 @@ inline PyObject* new_type_attribute(PyTypeObject* type, PyObject* name) {
 }
 inline PyObject* new_dict(PyObject* object) { return PyObject_GenericGetDict(object, nullptr); }
 
-// What other threads may be changing, read as it is at one moment.
+// Atomic reads of what other threads may be writing.
 inline std::uint64_t version_tag_of(const PyTypeObject* type) {
   return __atomic_load_n(&type->tp_version_tag, __ATOMIC_RELAXED);
 }
@@ -82,9 +84,11 @@ inline Py_ssize_t size_of(PyObject* object) {
   return __atomic_load_n(&reinterpret_cast<PyVarObject*>(object)->ob_size, __ATOMIC_RELAXED);
 }
 
-/// Spares the threads that use an object the counting of their references, for which they would
-/// wait for each other. Such an object is ended by the cycle collector alone.
-inline void count_no_uses_of(PyObject* object) { PyUnstable_Object_EnableDeferredRefcount(object); }
+/// Lets threads use an object from their stacks without counting references to it, for which they
+/// would wait for each other. Only the cycle collector ends such an object.
+inline void defer_reference_counting(PyObject* object) {
+  PyUnstable_Object_EnableDeferredRefcount(object);
+}
 
 /// Whether an object that ends may have weak references, in the list that it keeps of them. Another
 /// thread may be ending one.
@@ -94,14 +98,14 @@ inline bool may_have_weak_references(const PyObject* /*list*/) { return true; }
 
 inline constexpr bool has_global_lock = true;
 
-class Section {
+class CriticalSection {
  public:
-  explicit Section(PyObject* /*object*/) {}
+  explicit CriticalSection(PyObject* /*object*/) {}
 };
 
-class Outside {
+class Suspension {
  public:
-  explicit Outside(Section* /*section*/) {}
+  explicit Suspension(CriticalSection* /*section*/) {}
 };
 
 template <typename Value>
@@ -121,7 +125,7 @@ inline PyObject* new_dict(PyObject* object) {
 }
 inline std::uint64_t version_tag_of(const PyTypeObject* type) { return type->tp_version_tag; }
 inline Py_ssize_t size_of(PyObject* object) { return Py_SIZE(object); }
-inline void count_no_uses_of(PyObject* /*object*/) {}
+inline void defer_reference_counting(PyObject* /*object*/) {}
 inline bool may_have_weak_references(const PyObject* list) { return list != nullptr; }
 
 #endif

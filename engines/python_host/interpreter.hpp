@@ -75,8 +75,8 @@ class Ref {
     ref.object_ = Py_XNewRef(borrowed);
     return ref;
   }
-  /// A reference that is not counted: the caller's stands for it until `release`.
-  static Ref lent(PyObject* object) {
+  /// A borrowed reference, which is not counted: the caller holds the object until `release`.
+  static Ref borrowed(PyObject* object) {
     Ref ref;
     ref.object_ = object;
     return ref;

@@ -208,14 +208,14 @@ bool Locks::is_plain(const Ref& condition) const {
   return type_is_unchanged && Py_TYPE(condition.get()) == as_type(condition_type_);
 }
 
-Entered Locks::enter(const Ref& lock, Delayed* interrupt, Section* section) const {
+Entered Locks::enter(const Ref& lock, Delayed* interrupt, CriticalSection* section) const {
   Ref entered = value_of(lock);
   if (mutex_.is_type_of(entered.get())) {
     return enter_directly(mutex_, std::move(entered), interrupt, section);
   }
   const SpecialMethod enter(entered, enter_name_);
   Entered by_exit(SpecialMethod(entered, exit_name_));
-  const Outside outside(section);
+  const Suspension suspension(section);
   enter();
   return by_exit;
 }

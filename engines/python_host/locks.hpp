@@ -84,11 +84,13 @@ class Locks {
   Locks(const Ref& threading, const Ref& condition_type);
   int traverse(visitproc visit, void* arg) const;
 
-  Entered enter(const Ref& lock, Delayed* interrupt, Section* section) const;
+  /// Enters a lock of any type. The section is given up while the thread waits for it.
+  ///
   /// A signal whose handler raises ends the taking of a lock. Where there is an `interrupt`, it
   /// takes that error, and the lock is taken all the same (on the short way).
-  /// The section is given up while the thread waits for the lock.
-  Entered enter(Condition& condition, Delayed* interrupt, Section* section) const {
+  Entered enter(const Ref& lock, Delayed* interrupt, CriticalSection* section) const;
+  /// The same for a condition, by its lock where that is exact and nobody has patched it.
+  Entered enter(Condition& condition, Delayed* interrupt, CriticalSection* section) const {
     Ref lock = part_of(condition, lock_name_, &Condition::lock);
     return lock.get() != nullptr && reentrant_.is_type_of(lock.get())
                ? enter_directly(reentrant_, std::move(lock), interrupt, section)
@@ -108,8 +110,8 @@ class Locks {
 
  private:
   Entered enter_directly(const LockType& type, Ref lock, Delayed* interrupt,
-                         Section* section) const {
-    const Outside outside(has_global_lock || !type.is_locked(lock) ? nullptr : section);
+                         CriticalSection* section) const {
+    const Suspension suspension(has_global_lock || !type.is_locked(lock) ? nullptr : section);
     for (;;) {
       try {
         checked(type.acquire, lock, no_arguments_, nullptr);

@@ -286,7 +286,7 @@ Ref make_operation(State* state, const Ref& declared, Body body) {
     PyErr_SetString(PyExc_SystemError, "an operation has too many parameters");
     throw Raised{};
   }
-  count_no_uses_of(object.get());
+  defer_reference_counting(object.get());
   return object;
 }
 

@@ -14,8 +14,9 @@
 
 namespace decision_bounds::python {
 
-/// The arguments of a call in the order of the parameters, defaults filled in; borrowed from the
-/// caller for the length of the call.
+/// The arguments of a call in the order of the parameters, defaults filled in. All are borrowed,
+/// the object that an operation is called on as well: the caller holds them, as the
+/// interpreter's calling convention has it.
 class Arguments {
  public:
   explicit Arguments(PyObject* const* values) : values_(values) {}
@@ -56,15 +57,15 @@ Ref returned(const Operation& operation) {
   }
 }
 
-/// An argument that is not counted: the caller holds it for the length of the call. Threads that
-/// pass the same object, a clock for instance, would wait for each other to count it.
+/// An argument that is borrowed: the caller holds it for the length of the call. Threads that pass
+/// the same object, a clock for instance, would wait for each other to count references to it.
 template <std::derived_from<Ref> Value>
-class Lent {
+class Borrowed {
  public:
-  explicit Lent(PyObject* object) : value_(Ref::lent(object)) {}
-  ~Lent() { value_.release(); }
-  Lent(const Lent&) = delete;
-  Lent& operator=(const Lent&) = delete;
+  explicit Borrowed(PyObject* object) : value_(Ref::borrowed(object)) {}
+  ~Borrowed() { value_.release(); }
+  Borrowed(const Borrowed&) = delete;
+  Borrowed& operator=(const Borrowed&) = delete;
 
   operator const Value&() const { return value_; }
 
@@ -79,7 +80,7 @@ decltype(auto) argument_for(const Python& host, const Arguments& arguments, std:
   if constexpr (std::is_same_v<Value, Python>) {
     return (host);
   } else if constexpr (std::derived_from<Value, Ref>) {
-    return Lent<Value>(arguments[index]);
+    return Borrowed<Value>(arguments[index]);
   } else {
     return arguments.get<Value>(index);
   }
@@ -88,7 +89,7 @@ decltype(auto) argument_for(const Python& host, const Arguments& arguments, std:
 template <auto operation, typename Bound, typename... Parameters>
 Ref call_operation(const Python& state_host, const Arguments& arguments) {
   auto& bound = arguments.bound<Bound>();
-  Section section(arguments[0]);
+  CriticalSection section(arguments[0]);
   const Python host{state_host.state, nullptr, &section};
   return [&]<std::size_t... index>(std::index_sequence<index...> /*parameters*/) {
     return returned([&] {

@@ -39,7 +39,7 @@ Ref text_of(const char* text) { return checked(PyUnicode_FromString, text); }
 void Python::wait(const Ref& changed, const Ref& stopping) const {
   const Ref wait = state->global(state->names.wait);
   const Ref condition = value_of(changed);
-  const Outside outside(section);
+  const Suspension suspension(section);
   call(wait, condition, stopping);
 }
 
@@ -47,7 +47,7 @@ void Python::wait(const Ref& changed, const Ref& stopping, const Ref& deadline,
                   const Ref& clock) const {
   const Ref wait = state->global(state->names.wait);
   const Ref condition = value_of(changed);
-  const Outside outside(section);
+  const Suspension suspension(section);
   call_by_name(wait, state->deadline_and_clock, condition, stopping, deadline, clock);
 }
 

@@ -22,7 +22,8 @@
 
 namespace decision_bounds::python {
 
-/// The host of the interpreter. Every operation runs with the interpreter's own lock held.
+/// The host of the interpreter. Every operation runs with the interpreter's global lock held, or in
+/// the critical section of the object that it was called on.
 struct Python {
   using Count = Number;
   using Amount = Number;
@@ -49,8 +50,8 @@ struct Python {
   /// Given where a share is settled, which can be done once: what interrupts the taking of the lock
   /// is raised when the share has been given back.
   Delayed* interrupt = nullptr;
-  /// Of the object that an operation was called on; it is given up where the operation waits.
-  Section* section = nullptr;
+  /// Of the object that an operation was called on. It is given up where the operation waits.
+  CriticalSection* section = nullptr;
 
   static const Number& amount(const Number& number) { return number; }
   static bool truth(const Number& value) { return python::truth(value); }
@@ -121,12 +122,12 @@ inline void HeldRecord::take_or_nothing(const Number& share) const {
   }
   const Ref record = *this;
   const Held<Python> before = [&] {
-    const Section section(record.get());
+    const CriticalSection section(record.get());
     return *derived;
   }();
   on_failure([&] { use<&Held<Python>::take>("take", share); },
              [&] {
-               const Section section(record.get());
+               const CriticalSection section(record.get());
                *derived = before;
              });
 }
@@ -172,7 +173,7 @@ template <typename Bound>
 void end_call(State* state, PyObject* owner, const Number& amount, const Optional& reply) {
   Delayed interrupt;
   try {
-    Section section(owner);
+    CriticalSection section(owner);
     Instance<Bound>::of(owner)->bound.give_back(amount, reply, Python{state, &interrupt, &section});
   } catch (const Raised&) {
   }

@@ -24,7 +24,7 @@ constexpr Definition share_operations[] = {
     {"__exit__",
      [](const Python& /*host*/, const Arguments& arguments) {
        auto& share = arguments.bound<HostShare>();
-       const Section section(arguments[0]);
+       const CriticalSection section(arguments[0]);
        share.settle(Optional(Ref::none()));
        return Ref::none();
      }},
