@@ -250,11 +250,27 @@ class LifetimeTest(unittest.TestCase):
 
     def test_what_changes_under_a_call_does_no_harm(self) -> None:
         budget = bounds.RunBudget(9, 9)
+        tally = weakref.ref(budget._held_tokens)
+        kept: list[bool] = []
+
+        def add(share: Any, amount: Any) -> Any:
+            budget._held_tokens = None
+            kept.append(tally() is not None)
+            return share
+
         tokens = mock.MagicMock()
-        tokens.__radd__ = lambda _, other: setattr(budget, "_held_tokens", None)
+        tokens.__radd__ = add
         self.assertIs(type(budget.hold(tokens)), bounds.Share)
-        budget.should_stop = lambda: setattr(budget, "should_stop", None)
-        self.assertFalse(budget.stopping())
+        self.assertEqual(kept, [True])
+
+        def stop() -> bool:
+            budget.should_stop = None
+            return running() is not None
+
+        running = weakref.ref(stop)
+        budget.should_stop = stop
+        del stop
+        self.assertTrue(budget.stopping())
         spend = account()
         spend._today = lambda: setattr(spend, "_changed", None)
         entered = spend._changed

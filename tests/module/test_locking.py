@@ -249,6 +249,16 @@ class ConditionsTest(unittest.TestCase):
         self.assertEqual(lock.__enter__.call_count, 2)
         self.assertEqual(lock.__exit__.call_count, 2)
 
+        calls: list[str] = []
+
+        class Classwide:
+            __enter__ = classmethod(lambda cls: calls.append("enter"))
+            __exit__ = classmethod(lambda cls, *error: calls.append("exit"))
+
+        rates._lock = Classwide()
+        rates.tokens(1)
+        self.assertEqual(calls, ENTERED)
+
     def test_a_thread_that_holds_the_lock_keeps_the_others_out(self) -> None:
         budget = bounds.RunBudget(9, 9)
         rates = bounds.RequestRates()
