@@ -83,6 +83,12 @@ class ValuesTest(unittest.TestCase):
         text = "{'calls': 1, 'cache_hits': 0, 'input_tokens': 1, 'cost_usd': Decimal('1.000002'),"
         self.assertEqual(repr(budget.summary()), text + " 'max_calls': True, 'max_tokens': 9}")
 
+    def test_costs_are_rounded_as_the_host_rounds(self) -> None:
+        ties = (5e-07, 1.5e-06, 2.5e-06, -2.5e-06, 1.0000005, 0.0078125)
+        for cost in (*ties, 4e9 + 1e-6, 5e9 / 3, 1e17 / 3, 1e305, -1e305, math.inf, -0.0):
+            summary = bounds.RunBudget(9, 9, cost=cost).summary()
+            self.assertEqual(repr(summary["cost_usd"]), repr(round(cost, 6)))
+
     def test_operators_of_the_values_answer(self) -> None:
         limit = mock.MagicMock()
         limit.__le__.return_value = False
