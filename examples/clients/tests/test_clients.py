@@ -52,6 +52,7 @@ class ClientsTest(unittest.TestCase):
             elif isinstance(outcome, (*library.FREE, DecisionBudgetExceeded)):
                 self.assertEqual(billed_usd, 0.0)
             else:
+                self.assertIsNot(FATES[question], Fate.REFUSED)
                 unread.append(question)
                 self.assertLess(billed_usd, dearest(library, question).cost)
                 counted_usd += dearest(library, question).cost
