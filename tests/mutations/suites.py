@@ -126,14 +126,20 @@ _BATCH_PASS = (
     Suite("client", ("tests.example.test_client", "tests.example.test_parts")),
     Suite("batch pass", ("tests.example.test_batch_pass",)),
 )
-_EXAMPLES = {
-    name: (_discovered(name, f"examples/{name}/tests", requirements),)
-    for name, requirements in (
-        ("in_order", ""),
-        ("asyncio_pass", "examples/asyncio_pass/requirements.txt"),
-        ("shared_cap", "examples/shared_cap/requirements.txt"),
-        ("clients", "examples/clients/requirements.txt"),
+_SHARED_CAP = {
+    module: Suite(
+        f"shared cap: {module}",
+        (f"examples.shared_cap.tests.test_{module}",),
+        "examples/shared_cap/requirements.txt",
     )
+    for module in ("journal", "leased_spend", "shared_spend", "readme", "model", "faults")
+}
+_EXAMPLES = {
+    "in_order": (_discovered("in_order", "examples/in_order/tests"),),
+    **{
+        name: (_discovered(name, f"examples/{name}/tests", f"examples/{name}/requirements.txt"),)
+        for name in ("asyncio_pass", "clients")
+    },
 }
 
 
@@ -142,6 +148,13 @@ def judges(mutation: Mutation) -> tuple[Suite, ...]:
     source = mutation.source
     if source.startswith("examples/batch_pass/"):
         return _BATCH_PASS
+    if source.startswith("examples/shared_cap/"):
+        # The model is made of the lease alone, and its states take half a minute.
+        return tuple(
+            suite
+            for module, suite in _SHARED_CAP.items()
+            if module != "model" or source.endswith("/lease.py")
+        )
     if source.startswith("examples/"):
         return _EXAMPLES[Path(source).parts[1]]
     if source.startswith("engines/decision_bounds/") and not mutation.of_module:
