@@ -208,9 +208,9 @@ class Hostile:
 
     def load(self, name: str) -> Any:
         """Load the module once more, beside the first."""
-        spec: Any = importlib.util.spec_from_file_location(name, self.names["bounds"].__file__)
-        module = importlib.util.module_from_spec(spec)
-        spec.loader.exec_module(module)
+        found: Any = importlib.util.spec_from_file_location(name, self.names["bounds"].__file__)
+        module = importlib.util.module_from_spec(found)
+        found.loader.exec_module(module)
         return module
 
     def elsewhere(self) -> None:
