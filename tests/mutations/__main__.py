@@ -19,7 +19,7 @@ from queue import SimpleQueue
 
 from tests.mutations.lists import ROOT, ListError, Mutation, read_all
 from tests.mutations.suites import Limits, Suite, judges, target_of
-from tests.mutations.switches import mutated, switched
+from tests.mutations.switches import check, mutated, switched
 from tests.mutations.trees import BuildError, InUseError, Tree
 
 
@@ -146,6 +146,7 @@ def main() -> int:
     parser.add_argument("--check", action="store_true", help="only look for the places")
     options = parser.parse_args()
     listed, wrong = read_all()
+    wrong += check(listed)
     for error in wrong:
         print(error, file=sys.stderr)
     try:

@@ -5,7 +5,7 @@ from __future__ import annotations
 from collections.abc import Sequence
 from typing import NamedTuple
 
-from tests.mutations.lists import ListError, Mutation, Piece
+from tests.mutations.lists import ROOT, ListError, Mutation, Piece
 
 # Included before all else. The switch is a number in the environment; none is on at compile time.
 HEADER = """#pragma once
@@ -47,6 +47,19 @@ def switched(text: str, mutations: Sequence[Mutation], alone: Mutation | None = 
         if not any(_overlap(piece, each.piece) for each in always)
     ]
     return _within(text, 0, len(text), inside + always)
+
+
+def check(mutations: Sequence[Mutation]) -> list[ListError]:
+    """Return what keeps the mutations of C++ sources from being in one build."""
+    wrong = []
+    for source in dict.fromkeys(each.source for each in mutations):
+        try:
+            if source.endswith((".cpp", ".hpp")):
+                text = (ROOT / source).read_text(encoding="utf-8")
+                switched(text, [each for each in mutations if each.source == source])
+        except ListError as error:
+            wrong.append(error)
+    return wrong
 
 
 def _overlap(one: Piece, other: Piece) -> bool:
