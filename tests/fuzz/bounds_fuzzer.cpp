@@ -1,9 +1,11 @@
-// Programs of operations on the bounds in plain C++, beside a model that keeps only the calls in
-// flight and what those that ended used. Callbacks throw, and end calls while a call waits.
+// Programs of operations on the bounds in plain C++, beside models: of a pass and of a day, one
+// that keeps only the calls in flight and what those that ended used. Callbacks throw, and end
+// calls while a call waits.
 
 #include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -208,10 +210,55 @@ class DayProgram final : Program, native::Log {
   int expected_warnings = 0;
 };
 
+/// The dearest charges of a model, as a whole and per byte.
+struct Dearest {
+  void learn(double bytes, double charge) {
+    per_byte = std::fmax(per_byte, charge / bytes);
+    per_call = std::fmax(per_call, charge);
+  }
+  double of(double bytes) const {
+    const double by_size = per_byte * bytes;
+    return per_call > by_size ? per_call : by_size;
+  }
+
+  double per_byte = 0.0;
+  double per_call = 0.0;
+};
+
+/// The learned rates beside their model.
+void run_rates(FuzzedDataProvider& data) {
+  native::RequestRates rates;
+  Dearest usd;
+  Dearest tokens;
+  std::set<std::string> known;
+  while (data.remaining_bytes() > 0) {
+    const std::string feature(1, data.PickValueInArray({'a', 'b', 'c'}));
+    const auto size = data.ConsumeIntegral<std::int64_t>();
+    const auto bytes = static_cast<double>(size);
+    if (data.ConsumeBool()) {
+      const PaidReply reply{.input_tokens = data.ConsumeIntegral<std::int64_t>(),
+                            .cost = data.ConsumeFloatingPoint<double>()};
+      rates.learn(size, feature, reply);
+      known.insert(feature);
+      usd.learn(std::fmax(bytes, 1.0), reply.cost);
+      tokens.learn(std::fmax(bytes, 1.0), static_cast<double>(reply.input_tokens));
+    }
+    require(are_same(rates.cost(size, feature), known.contains(feature) ? usd.of(bytes) : unknown));
+    require(are_same(rates.tokens(size), known.empty() ? unknown : tokens.of(bytes)));
+  }
+}
+
 }  // namespace
 
 void fuzz(FuzzedDataProvider& data) {
-  data.ConsumeBool() ? PassProgram(data).run() : DayProgram(data).run();
+  switch (data.ConsumeIntegralInRange(0, 2)) {
+    case 0:
+      return PassProgram(data).run();
+    case 1:
+      return DayProgram(data).run();
+    default:
+      return run_rates(data);
+  }
 }
 
 }  // namespace decision_bounds
