@@ -170,7 +170,12 @@ class Hostile:
         delattr(kind, name)
 
     def deep(self, reaction: str) -> None:
-        """Run a reaction near the end of the recursion that the interpreter allows."""
+        """Run a reaction near the end of the recursion that the interpreter allows.
+
+        All threads have that limit in common: the main thread alone sets it.
+        """
+        if threading.current_thread() is not threading.main_thread():
+            return self.react(reaction)
         before, frame, depth = sys.getrecursionlimit(), inspect.currentframe(), 0
         while frame is not None:
             frame, depth = frame.f_back, depth + 1
