@@ -62,6 +62,20 @@ for number in range(30):
     _testcapi.remove_mem_hooks()
 """
 
+# Prints what is raised where there is no memory to set an attribute of a class.
+SET_ATTRIBUTE = """
+import _testcapi
+for count in range(30):
+    made = type("made", (), {f"name{number}": None for number in range(count)})
+    _testcapi.set_nomemory(0, 1)
+    try:
+        made.another = None
+    except Exception as error:
+        _testcapi.remove_mem_hooks()
+        print(type(error).__name__)
+    _testcapi.remove_mem_hooks()
+"""
+
 
 class MemoryTest(ProcessTest):
     def test_conditions_that_need_no_memory(self) -> None:
@@ -100,6 +114,7 @@ class MemoryTest(ProcessTest):
         for way in ("text", "module"):
             told = self.ends_well("-m", "tests.faults.loading", way, "5")
             ends[way] = {line.split(":")[0] for line in told.splitlines()}
-        # A lock cannot be made: the text makes none.
-        self.assertLessEqual(ends["module"], {*ends["text"], "RuntimeError"})
+        # A lock cannot be made, nor an attribute of a class set: the text does neither.
+        others = {"RuntimeError", *self.ends_well("-c", SET_ATTRIBUTE).splitlines()}
+        self.assertLessEqual(ends["module"], ends["text"] | others)
         self.assertIn("loaded", ends["module"])
