@@ -8,7 +8,7 @@ from __future__ import annotations
 import asyncio
 import threading
 import time
-from collections.abc import AsyncIterator, Iterator
+from collections.abc import AsyncGenerator, Generator
 from concurrent.futures import Future, ThreadPoolExecutor
 from contextlib import asynccontextmanager, contextmanager
 from dataclasses import dataclass
@@ -72,7 +72,7 @@ class Call:
             self.paid = least
 
     @contextmanager
-    def free_if(self, *errors: type[Exception]) -> Iterator[None]:
+    def free_if(self, *errors: type[Exception]) -> Generator[None, None, None]:
         """Charge the call with nothing if the block ends with one of ``errors``, or due to one."""
         try:
             yield
@@ -103,7 +103,7 @@ class PaidCalls:
         self._admission = ThreadPoolExecutor(1, "admission")
 
     @contextmanager
-    def hold(self, dearest: Reply) -> Iterator[Call]:
+    def hold(self, dearest: Reply) -> Generator[Call, None, None]:
         """Hold what ``dearest`` takes of both bounds while the block makes one call.
 
         However the block ends, the call is charged with what it says was paid. Raises
@@ -118,7 +118,7 @@ class PaidCalls:
         _check_read(call)
 
     @asynccontextmanager
-    async def hold_async(self, dearest: Reply) -> AsyncIterator[Call]:
+    async def hold_async(self, dearest: Reply) -> AsyncGenerator[Call, None]:
         """Do the same in a task, without keeping its loop from others while it waits for room."""
         call, admitted = Call(dearest), self._admission.submit(self._admit, dearest)
         try:

@@ -48,7 +48,7 @@ class Completions:
             usage = so_far if answer.running_usage else None
             choice = {"index": 0, "delta": {"content": piece}, "finish_reason": None}
             yield _event({**_completion(model, ".chunk"), "choices": [choice], "usage": usage})
-        last = {"index": 0, "delta": {}, "finish_reason": "stop"}
+        last: dict[str, Any] = {"index": 0, "delta": {}, "finish_reason": "stop"}
         yield _event({**_completion(model, ".chunk"), "choices": [last], "usage": None})
         usage = self._usage(answer)
         yield _event({**_completion(model, ".chunk"), "choices": [], "usage": usage})

@@ -119,6 +119,7 @@ def _piece(call: Call, line: str) -> str:
 
 
 def _reply(usage: dict[str, Any]) -> Reply:
-    cached = (usage.get("prompt_tokens_details") or {}).get("cached_tokens") or 0
-    new = usage["prompt_tokens"] - cached
+    details: dict[str, Any] = usage.get("prompt_tokens_details") or {}
+    cached: int = details.get("cached_tokens") or 0
+    new: int = usage["prompt_tokens"] - cached
     return PRICES.reply(new, usage["completion_tokens"], cache_read=cached)

@@ -62,7 +62,7 @@ async def stream_async(
     """Do the same in a task."""
     async with calls.hold_async(PRICES.dearest(question, MAX_OUTPUT_TOKENS)) as call:
         with call.free_if(*FREE):
-            chunks = await litellm.acompletion(**_streamed(question) | endpoint)
+            chunks: Any = await litellm.acompletion(**_streamed(question) | endpoint)
         async for chunk in chunks:
             show(_piece(call, chunks, chunk))
 

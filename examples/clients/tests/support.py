@@ -8,6 +8,7 @@ import logging
 from collections.abc import Sequence
 from concurrent.futures import ThreadPoolExecutor
 from contextlib import nullcontext
+from functools import partial
 from typing import Any
 
 import anthropic
@@ -74,7 +75,7 @@ class Pass:
             asyncio.run(self._run_tasks(library, way, url, questions))
             return self
         with connect(library, url, way) as client, ThreadPoolExecutor(THREADS) as threads:
-            list(threads.map(lambda each: self._ask(library, way, client, each), questions))
+            list(threads.map(partial(self._ask, library, way, client), questions))
         return self
 
     async def _run_tasks(self, library: Any, way: str, url: str, questions: Sequence[str]) -> None:

@@ -42,7 +42,7 @@ ANSWER = "Sent to the desk."
 class ClientsTest(unittest.TestCase):
     def assert_counted_as_billed(self, done: Pass, library: Any, endpoint: Endpoint) -> None:
         """What was counted is what answers cost that were read, and the most that others may."""
-        unread = []
+        unread: list[str] = []
         counted_usd = 0.0
         for question, outcome in done.outcomes.items():
             billed_usd = endpoint.billed_usd(question)
@@ -69,7 +69,7 @@ class ClientsTest(unittest.TestCase):
         for library in LIBRARIES:
             for way in WAYS:
                 with self.subTest(library=library.__name__, way=way):
-                    asked = []
+                    asked: list[str] = []
 
                     def fate(question: str) -> Fate:
                         asked.append(question)

@@ -37,7 +37,8 @@ class RetriesTest(unittest.TestCase):
     def test_refusal_inside_the_library_is_retried_and_hidden(self) -> None:
         for library, hidden_by, http in VENDORS:
             with self.subTest(library=library.__name__), Endpoint(lambda _: Fate.CUT) as endpoint:
-                done, refused = Pass(cap_usd=0.0), []
+                done = Pass(cap_usd=0.0)
+                refused: list[DecisionBudgetExceeded] = []
 
                 def guard(_request: Any) -> None:
                     """Bound each attempt, where it counts them all."""
