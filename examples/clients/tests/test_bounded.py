@@ -12,6 +12,9 @@ class BoundedTest(unittest.TestCase):
         prices = Prices(1.0, 0.5, 2.0, 8.0, extra_input_tokens=50)
         self.assertEqual(prices.dearest("né", 10), Reply(53, 186.0))
 
+    def test_reply_counts_the_tokens_of_each_price(self) -> None:
+        self.assertEqual(Prices(1.0, 0.5, 2.0, 8.0).reply(1, 2, 3, 4), Reply(8, 26.5))
+
     def test_what_a_stream_showed_does_not_replace_the_reply(self) -> None:
         call = Call(Reply(1, 5.0))
         call.read(Reply(1, 1.0))

@@ -6,8 +6,10 @@ import tempfile
 import threading
 import time
 import unittest
-from collections.abc import Callable
+from collections.abc import Callable, Iterator
+from contextlib import contextmanager
 from pathlib import Path
+from unittest import mock
 
 from engines.decision_bounds import (
     DecisionBudgetExceeded,
@@ -95,7 +97,23 @@ class SharedSpendTest(unittest.TestCase):
     def test_what_is_charged_without_a_share_counts(self) -> None:
         spend, other = self.spend(1.0), self.spend(1.0)
         spend.charge(Reply(0.75))
+        self.assertEqual(spend._lease.noted_usd, 0.75)
         self.assertEqual(spend.spent(), 0.75)
         spend.close()
         self.admit(other).settle(Reply(0.5))
         self.assertEqual(other.spent(), 1.25)
+
+    def test_charge_whose_lease_ends_meanwhile_goes_to_the_next(self) -> None:
+        spend = self.spend(1.0, term_s=60.0)
+        following = spend._lease
+
+        @contextmanager
+        def end() -> Iterator[None]:
+            spend._lease = following
+            yield
+
+        spend._lease = ended = mock.Mock(following, closed=True)
+        ended.spend._changed = end()
+        spend.charge(Reply(0.25))
+        ended.spend.charge.assert_not_called()
+        self.assertEqual(spend.spent(), 0.25)
