@@ -15,6 +15,7 @@ import pickle
 import signal
 import sys
 import threading
+import time
 import types
 import typing
 import weakref
@@ -69,6 +70,8 @@ class Hostile:
         self._depth = 0
         self._statements = 0
         self._kept: list[Any] = []
+        self._starting = threading.RLock()
+        self._has_ended = False
         self.broken: list[str] = []
         # Whose objects must not be left over.
         self.kinds = [weakref.ref(getattr(bounds, name)) for name in FIELDS]
@@ -200,11 +203,19 @@ class Hostile:
 
     def thread(self, reaction: str) -> None:
         """Run a reaction on another thread, beside what follows if it takes long."""
-        if sys.is_finalizing():
-            return  # No thread would start.
         beside = threading.Thread(target=self.react, args=(reaction,), daemon=True)
-        beside.start()
+        with self._starting:
+            if self._has_ended:
+                return
+            beside.start()
         beside.join(JOIN_S)
+
+    def end_threads(self) -> None:
+        """Start no more threads: CPython 3.10 crashes where it exits while one is starting."""
+        with self._starting:
+            self._has_ended = True
+        while threading._limbo:  # type: ignore[attr-defined]
+            time.sleep(0.001)
 
     def interrupt(self, error: Any) -> None:
         """Have an error raised in this thread, wherever it is in a moment."""

@@ -91,6 +91,7 @@ def _run_here(program: Program, ends_early: bool) -> None:
         gc.collect()
         _end(LEFT_STATUS, left_over(hostile.kinds))
         os._exit(0)
+    hostile.end_threads()
     sys.exit()
 
 
