@@ -132,7 +132,7 @@ _SHARED_CAP = {
         (f"examples.shared_cap.tests.test_{module}",),
         "examples/shared_cap/requirements.txt",
     )
-    for module in ("lease", "journal", "leased_spend", "shared_spend", "readme", "model", "faults")
+    for module in "lease journal leased_spend store shared_spend readme model faults".split()
 }
 _EXAMPLES = {
     "in_order": (_discovered("in_order", "examples/in_order/tests"),),

@@ -6,15 +6,18 @@ import tempfile
 import threading
 import time
 import unittest
-from collections.abc import Callable, Iterator
+from collections.abc import Callable, Generator
 from contextlib import contextmanager
 from pathlib import Path
+from typing import Any
 from unittest import mock
 
 from engines.decision_bounds import (
+    DailySpend,
     DecisionBudgetExceeded,
     DecisionStopped,
     DecisionTimeout,
+    DecisionUnavailable,
     Share,
     never,
 )
@@ -108,7 +111,7 @@ class SharedSpendTest(unittest.TestCase):
         following = spend._lease
 
         @contextmanager
-        def end() -> Iterator[None]:
+        def end() -> Generator[None, None, None]:
             spend._lease = following
             yield
 
@@ -117,3 +120,18 @@ class SharedSpendTest(unittest.TestCase):
         spend.charge(Reply(0.25))
         ended.spend.charge.assert_not_called()
         self.assertEqual(spend.spent(), 0.25)
+
+    def test_lease_that_is_over_or_has_room_is_not_waited_for(self) -> None:
+        spend = self.spend(0.1, term_s=60.0)
+        full = DailySpend(0.0, lambda: "2030-02-01", None)
+        spend._lease.spend._cap, spend._lease.reached = 0.1, True
+        over: Any = mock.Mock(spend._lease, spend=full, reached=True)
+        for lease in (spend._lease, over):
+            spend._wait_for_lease(lease, deadline=None, clock=time.monotonic, stopping=never)
+
+    def test_closed_cap_refuses(self) -> None:
+        spend = self.spend(0.1)
+        spend.close()
+        closed = DecisionUnavailable, "the shared daily cap is closed"
+        self.assertRaisesRegex(*closed, self.admit, spend)
+        self.assertRaisesRegex(*closed, spend.charge, Reply(0.1))
