@@ -15,7 +15,7 @@ from unittest import mock
 from engines.decision_bounds import DecisionBudgetExceeded
 
 from examples.clients import litellm_calls
-from examples.clients.bounded import Prices, Reply
+from examples.clients.bounded import AnswerCut, Prices, Reply
 from examples.clients.endpoint import Endpoint, Fate
 from examples.clients.tests.support import (
     LIBRARIES,
@@ -49,10 +49,14 @@ class ClientsTest(unittest.TestCase):
             if isinstance(outcome, str):
                 self.assertEqual(outcome, ANSWER)
                 counted_usd += billed_usd
-            elif isinstance(outcome, (*library.FREE, DecisionBudgetExceeded)):
+            elif isinstance(outcome, DecisionBudgetExceeded):
                 self.assertEqual(billed_usd, 0.0)
+            elif isinstance(outcome, library.FREE):
+                self.assertIs(FATES[question], Fate.REFUSED)
             else:
                 self.assertIsNot(FATES[question], Fate.REFUSED)
+                if FATES[question] is Fate.FAILED:  # It is not taken for an answer.
+                    self.assertNotIsInstance(outcome, (AnswerCut, LookupError))
                 unread.append(question)
                 self.assertLess(billed_usd, dearest(library, question).cost)
                 counted_usd += dearest(library, question).cost
