@@ -22,7 +22,7 @@ from engines.decision_bounds import (
     never,
 )
 
-from ..shared_spend import SharedSpend
+from ..shared_spend import SharedSpend, logger
 from ..sqlite_store import SqliteStore
 from .stores import FOLDER, Reply
 
@@ -62,11 +62,14 @@ class SharedSpendTest(unittest.TestCase):
         # The first process gives back what its call did not cost.
         threading.Timer(0.2, in_flight.settle, [None]).start()
         self.admit(second).settle(Reply(0.25))
+        text = "he shared daily cap is reached: $0.2500 of $0.10 spent today (UTC)"
         for spend in (first, second):
-            with self.assertRaises(DecisionBudgetExceeded) as refused:
-                self.admit(spend)
-            text = "the shared daily cap is reached: $0.2500 of $0.10 spent today (UTC)"
-            self.assertEqual(str(refused.exception), text)
+            with self.assertLogs(logger) as logged:
+                for _ in range(2):
+                    with self.assertRaises(DecisionBudgetExceeded) as refused:
+                        self.admit(spend)
+            self.assertEqual(str(refused.exception), "t" + text)
+            self.assertEqual([each.getMessage() for each in logged.records], ["T" + text])
             self.assertEqual(spend.spent(), 0.25)
 
     def test_lease_of_a_long_call_is_renewed_and_waited_for(self) -> None:
