@@ -87,6 +87,8 @@ def _run_here(program: Program, ends_early: bool) -> None:
     _end(BROKEN_STATUS, "\n".join(hostile.broken))
     if not ends_early and threading.active_count() == 1:
         hostile.end()
+        # The collector does not see the handler, which the end of the one before may have set.
+        signal.signal(signal.SIGUSR1, signal.SIG_IGN)
         gc.set_threshold(0)
         gc.collect()
         _end(LEFT_STATUS, left_over(hostile.kinds))
