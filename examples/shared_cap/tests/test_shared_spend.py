@@ -22,8 +22,9 @@ from engines.decision_bounds import (
     never,
 )
 
-from ..shared_spend import SharedSpend, logger
+from ..shared_spend import _RETRY_S, SharedSpend, logger
 from ..sqlite_store import SqliteStore
+from ..store import StoreUnreachable
 from .stores import FOLDER, Reply
 
 TERM_S = 0.6
@@ -65,9 +66,9 @@ class SharedSpendTest(unittest.TestCase):
         text = "he shared daily cap is reached: $0.2500 of $0.10 spent today (UTC)"
         for spend in (first, second):
             with self.assertLogs(logger) as logged:
-                for _ in range(2):
-                    with self.assertRaises(DecisionBudgetExceeded) as refused:
-                        self.admit(spend)
+                self.assertRaises(DecisionBudgetExceeded, self.admit, spend)
+                with self.assertRaises(DecisionBudgetExceeded) as refused:
+                    self.admit(spend)
             self.assertEqual(str(refused.exception), "t" + text)
             self.assertEqual([each.getMessage() for each in logged.records], ["T" + text])
             self.assertEqual(spend.spent(), 0.25)
@@ -134,7 +135,37 @@ class SharedSpendTest(unittest.TestCase):
 
     def test_closed_cap_refuses(self) -> None:
         spend = self.spend(0.1)
+        self.admit(spend).settle(None)
         spend.close()
+        self.assertIsNone(spend._store._connection)
         closed = DecisionUnavailable, "the shared daily cap is closed"
         self.assertRaisesRegex(*closed, self.admit, spend)
         self.assertRaisesRegex(*closed, spend.charge, Reply(0.1))
+
+    def test_lease_that_is_over_reports_the_calls_that_it_admitted(self) -> None:
+        spend, other = self.spend(1.0), self.spend(1.0)
+        in_flight = self.admit(spend)
+        over = spend._lease
+        over.ended = True
+        spend._wake.set()
+        while spend._lease is over:
+            time.sleep(0.01)
+        in_flight.settle(Reply(0.25))
+        spend.close()
+        self.admit(other).settle(Reply(0.5))
+        self.assertEqual(other.spent(), 0.75)
+
+    def test_store_that_fails_is_named_and_asked_with_pauses(self) -> None:
+        spend, began_s = self.spend(0.1), time.monotonic()
+        down = StoreUnreachable("no route")
+        with mock.patch.object(spend._store, "renew", side_effect=down) as renew:
+            with self.assertLogs(logger), self.assertRaisesRegex(DecisionUnavailable, "no route"):
+                self.admit(spend, wait_s=0.3)
+            for _ in range(100):
+                spend._wake.set()
+                time.sleep(0.002)
+            spend._sent_s = began_s - 60.0
+            no_answer = spend._explained(DecisionTimeout())
+            asked, took_s = renew.call_count, time.monotonic() - began_s
+        self.assertLessEqual(asked, took_s / _RETRY_S + 1)
+        self.assertIn("does not answer", str(no_answer))
