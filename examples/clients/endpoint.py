@@ -145,8 +145,11 @@ class _Handler(BaseHTTPRequestHandler):
 
     def _send_stream(self, events: list[bytes], fate: Fate) -> None:
         self._send_head(200, "text/event-stream", "Transfer-Encoding", "chunked")
-        whole = fate in (Fate.ANSWERED, Fate.SLOW)
-        for event in events if whole else events[: len(events) // 2]:
+        if fate is Fate.UNTOLD:
+            events = events[:-2]
+        elif fate in (Fate.CUT, Fate.ENDED):
+            events = events[: len(events) // 2]
+        for event in events:
             self.wfile.write(b"%x\r\n%s\r\n" % (len(event), event))
             self.wfile.flush()
         if fate is Fate.CUT:

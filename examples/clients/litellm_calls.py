@@ -97,10 +97,11 @@ def _piece(call: Call, chunks: Any, chunk: Any) -> str:
 
 
 def _reported(chunks: Any) -> bool:
-    """Return whether the usage is the endpoint's: of a stream that ends early, the library has one
-    of its own, which is too low.
+    """Return whether the usage is the endpoint's for the whole answer: of a stream that ends before
+    it is told, the library has one of its own, which is too low.
     """
-    usages = [getattr(chunk, "usage", None) for chunk in chunks.chunks]
+    ended = [each for each in chunks.chunks if not each.choices or each.choices[0].finish_reason]
+    usages = [getattr(each, "usage", None) for each in ended]
     return chunks.received_finish_reason is not None and any(usages)
 
 
