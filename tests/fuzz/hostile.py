@@ -71,15 +71,16 @@ class Hostile:
         self._statements = 0
         self._kept: list[Any] = []
         self._starting = threading.RLock()
+        self._alone = threading.RLock()  # Held while there is another interpreter.
         self._has_ended = False
         self.broken: list[str] = []
         # Whose objects must not be left over.
         self.kinds = [weakref.ref(getattr(bounds, name)) for name in FIELDS]
         modules = [copy, dataclasses, gc, importlib, inspect, math, operator, pickle, signal, sys]
         modules += [threading, types, typing, weakref]
-        helpers: list[Callable[..., Any]] = [self.deep, self.elsewhere, self.evil, self.function]
-        helpers += [self.generate, self.interrupt, self.load, self.patch, self.react, self.thread]
-        helpers += [self.unpatch]
+        helpers: list[Callable[..., Any]] = [self.clear_type_cache, self.deep, self.elsewhere]
+        helpers += [self.evil, self.function, self.generate, self.interrupt, self.load, self.patch]
+        helpers += [self.react, self.thread, self.unpatch]
         self.names: dict[str, Any] = {
             **{module.__name__: module for module in modules},
             **{helper.__name__: helper for helper in helpers},
@@ -231,18 +232,27 @@ class Hostile:
 
     def elsewhere(self) -> None:
         """Use the module in another interpreter of this process, which then ends."""
-        if interpreters := self._interpreters():
-            interpreters.run_string(interpreters.create(), ELSEWHERE)
-            self.end_interpreters()
+        with self._alone:
+            if interpreters := self._interpreters():
+                interpreters.run_string(interpreters.create(), ELSEWHERE)
+                self.end_interpreters()
 
     def end_interpreters(self) -> bool:
         """End the others; return whether none is left, as one that a thread still uses is."""
-        if interpreters := self._interpreters():
-            for each in interpreters.list_all()[1:]:
-                if interpreters.is_running(each):
-                    return False
-                interpreters.destroy(each)
+        with self._alone:
+            if interpreters := self._interpreters():
+                for each in interpreters.list_all()[1:]:
+                    if interpreters.is_running(each):
+                        return False
+                    interpreters.destroy(each)
         return True
+
+    def clear_type_cache(self) -> None:
+        """Have the version tags of types given out again: the cache of another interpreter may
+        still have them, and CPython 3.10 then takes one type for another.
+        """
+        with self._alone:
+            sys._clear_type_cache()
 
     @staticmethod
     def _interpreters() -> Any:
