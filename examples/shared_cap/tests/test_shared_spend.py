@@ -8,6 +8,7 @@ import time
 import unittest
 from collections.abc import Callable, Generator
 from contextlib import contextmanager
+from itertools import cycle
 from pathlib import Path
 from typing import Any
 from unittest import mock
@@ -157,7 +158,7 @@ class SharedSpendTest(unittest.TestCase):
 
     def test_store_that_fails_is_named_and_asked_with_pauses(self) -> None:
         spend, began_s = self.spend(0.1), time.monotonic()
-        down = StoreUnreachable("no route")
+        down = cycle((StoreUnreachable("no route"), KeyError("no route")))
         with mock.patch.object(spend._store, "renew", side_effect=down) as renew:
             with self.assertLogs(logger), self.assertRaisesRegex(DecisionUnavailable, "no route"):
                 self.admit(spend, wait_s=0.3)
