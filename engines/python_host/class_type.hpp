@@ -3,8 +3,10 @@
 /// How the type of a class is made: its storage, and the descriptors that make each field of a
 /// bound a plain attribute of its object. Included by the files of the classes.
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
+#include <string_view>
 #include <tuple>
 #include <utility>
 
@@ -83,6 +85,15 @@ void Instance<Bound>::dealloc(PyObject* object) {
   Py_DECREF(type);
   Py_TRASHCAN_END
 }
+
+/// The meaning of the field at this place, as the interpreter's C text.
+template <typename Bound, std::size_t index>
+inline constexpr auto documentation_of = [] {
+  constexpr std::string_view meaning = meaning_of(std::get<index>(ClassOf<Bound>::fields).name);
+  std::array<char, meaning.size() + 1> text{};
+  std::copy(meaning.begin(), meaning.end(), text.begin());
+  return text;
+}();
 
 /// Reads the field at this place; raises `AttributeError` where it is not set.
 template <typename Bound, std::size_t index>

@@ -2,18 +2,12 @@
 
 /// What the text of the surface says of each field. `help()` shows it beside the attribute.
 
-#include <algorithm>
-#include <array>
 #include <cstddef>
 #include <string_view>
-#include <tuple>
 
 #include "surface_text.hpp"
 
 namespace decision_bounds::python {
-
-template <typename Bound>
-struct ClassOf;
 
 /// The meaning in the line "- ``field``: meaning" of a class's documentation; empty where there is
 /// no such line, as for a private field. No two classes have a public field of the same name.
@@ -30,14 +24,5 @@ constexpr std::string_view meaning_of(std::string_view field) {
   }
   return {};
 }
-
-/// The meaning of the field at this place, as the interpreter's C text.
-template <typename Bound, std::size_t index>
-inline constexpr auto documentation_of = [] {
-  constexpr std::string_view meaning = meaning_of(std::get<index>(ClassOf<Bound>::fields).name);
-  std::array<char, meaning.size() + 1> text{};
-  std::copy(meaning.begin(), meaning.end(), text.begin());
-  return text;
-}();
 
 }  // namespace decision_bounds::python
