@@ -23,14 +23,18 @@ PyCFunction c_function(const Ref& lock, const char* method, int flags) {
 
 LockType LockType::of(const Ref& lock) {
   LockType found;
-  const PyCFunction acquire = c_function(lock, "acquire", METH_VARARGS | METH_KEYWORDS);
+  const PyCFunction enter = c_function(lock, "__enter__", enter_flags);
   // The interpreter keeps every kind of C function under one pointer type.
-  found.acquire = reinterpret_cast<PyCFunctionWithKeywords>(reinterpret_cast<void (*)()>(acquire));
+  found.enter = reinterpret_cast<EnterFunction>(reinterpret_cast<void (*)()>(enter));
   found.release = c_function(lock, "release", METH_NOARGS);
+#if PY_VERSION_HEX >= 0x030F0000
+  const bool is_own = c_function(lock, "__exit__", METH_FASTCALL) != nullptr;
+#else
   // A subclass may have methods of its own in their place.
-  if (acquire != nullptr && found.release != nullptr &&
-      c_function(lock, "__enter__", METH_VARARGS | METH_KEYWORDS) == acquire &&
-      c_function(lock, "__exit__", METH_VARARGS) == found.release) {
+  const bool is_own = c_function(lock, "acquire", enter_flags) == enter &&
+                      c_function(lock, "__exit__", METH_VARARGS) == found.release;
+#endif
+  if (enter != nullptr && found.release != nullptr && is_own) {
     if (!has_global_lock) {
       found.locked = c_function(lock, "locked", METH_NOARGS);
     }

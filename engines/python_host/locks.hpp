@@ -18,10 +18,18 @@
 
 namespace decision_bounds::python {
 
-/// A lock type of the host, and the C functions behind its `acquire` and `release`.
+#if PY_VERSION_HEX >= 0x030F0000
+using EnterFunction = PyCFunction;
+inline constexpr int enter_flags = METH_NOARGS;
+#else
+using EnterFunction = PyCFunctionWithKeywords;
+inline constexpr int enter_flags = METH_VARARGS | METH_KEYWORDS;
+#endif
+
+/// A lock type of the host, and the C functions behind its `__enter__` and `release`.
 struct LockType {
   Ref type;  ///< Nothing where the short way is closed.
-  PyCFunctionWithKeywords acquire = nullptr;
+  EnterFunction enter = nullptr;
   PyCFunction release = nullptr;
   PyCFunction locked = nullptr;  ///< Null where there is a global lock.
 
@@ -114,7 +122,11 @@ class Locks {
     const Suspension suspension(has_global_lock || !type.is_locked(lock) ? nullptr : section);
     for (;;) {
       try {
-        checked(type.acquire, lock, no_arguments_, nullptr);
+#if PY_VERSION_HEX >= 0x030F0000
+        checked(type.enter, lock, nullptr);
+#else
+        checked(type.enter, lock, no_arguments_, nullptr);
+#endif
         return {std::move(lock), type.release};
       } catch (const Raised&) {
         if (interrupt == nullptr) {
