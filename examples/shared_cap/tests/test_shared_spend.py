@@ -23,6 +23,8 @@ from engines.decision_bounds import (
     never,
 )
 
+from ..journal import Journal
+from ..lease import Report, nano_usd
 from ..shared_spend import _RETRY_S, SharedSpend, logger
 from ..sqlite_store import SqliteStore
 from ..store import StoreUnreachable
@@ -160,8 +162,10 @@ class SharedSpendTest(unittest.TestCase):
         spend, began_s = self.spend(0.1), time.monotonic()
         down = cycle((StoreUnreachable("no route"), KeyError("no route")))
         with mock.patch.object(spend._store, "renew", side_effect=down) as renew:
-            with self.assertLogs(logger), self.assertRaisesRegex(DecisionUnavailable, "no route"):
-                self.admit(spend, wait_s=0.3)
+            with self.assertLogs(logger) as logged:
+                with self.assertRaisesRegex(DecisionUnavailable, "no route"):
+                    self.admit(spend, wait_s=0.3)
+            self.assertEqual(len(logged.records), 1)
             for _ in range(100):
                 spend._wake.set()
                 time.sleep(0.002)
@@ -172,3 +176,17 @@ class SharedSpendTest(unittest.TestCase):
         self.assertIn("does not answer", str(no_answer))
         while spend._failure:  # The next answer ends it.
             time.sleep(0.01)
+
+    def test_lease_of_an_ended_process_is_concluded_for_good(self) -> None:
+        journals, store = self.folder / "journals", SqliteStore(self.folder / "store")
+        self.addCleanup(store.close)
+        ended = Journal.made(journals, "ended")
+        ended.spent_usd = 0.25
+        ended.close()
+        terms: dict[str, Any] = dict(cap=nano_usd(1.0), term_s=60.0)
+        lease = store.renew(Report("ended", 1, settled=0, need=nano_usd(0.5)), **terms).lease
+        fake: Any = mock.Mock(_journals=journals, _store=store, _cap=nano_usd(1.0), _term_s=60.0)
+        SharedSpend._conclude(fake, lease)
+        self.assertIsNone(Journal.abandoned(journals, "ended"))
+        late = store.renew(Report("ended", 9, settled=0, need=nano_usd(0.5)), **terms)
+        self.assertEqual((late.lease.needed, late.lease.settled), (nano_usd(0.25),) * 2)
