@@ -65,24 +65,36 @@ int Instance<Bound>::clear(PyObject* object) {
   return 0;
 }
 
+/// Calls a `__del__` that is set on the class itself; a subclass has seen to its own. Returns
+/// whether it has revived the object.
+template <typename Bound>
+bool is_revived(PyObject* object) {
+  if (Py_TYPE(object)->tp_finalize == nullptr || !is_exact_type<Bound>(Py_TYPE(object))) {
+    return false;
+  }
+  PyObject_GC_Track(object);
+  if (PyObject_CallFinalizerFromDealloc(object) < 0) {
+    return true;
+  }
+  PyObject_GC_UnTrack(object);
+  return false;
+}
+
 /// The trashcan ends objects that hold each other in a long chain, such as a share whose give-back
 /// function is another share's `settle`, one after the other and not one inside the other.
 template <typename Bound>
 void Instance<Bound>::dealloc(PyObject* object) {
   PyTypeObject* type = Py_TYPE(object);
-  // A `__del__` set on the class itself; a subclass has seen to its own.
-  if (type->tp_finalize != nullptr && type->tp_dealloc == dealloc &&
-      PyObject_CallFinalizerFromDealloc(object) < 0) {
-    return;  // revived
-  }
   PyObject_GC_UnTrack(object);
   Py_TRASHCAN_BEGIN(object, dealloc)
-  if (may_have_weak_references(of(object)->weak_references)) {
-    PyObject_ClearWeakRefs(object);
+  if (!is_revived<Bound>(object)) {
+    if (may_have_weak_references(of(object)->weak_references)) {
+      PyObject_ClearWeakRefs(object);
+    }
+    clear(object);
+    type->tp_free(object);
+    Py_DECREF(type);
   }
-  clear(object);
-  type->tp_free(object);
-  Py_DECREF(type);
   Py_TRASHCAN_END
 }
 

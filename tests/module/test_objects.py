@@ -80,6 +80,13 @@ class ObjectsTest(unittest.TestCase):
             ended.pop()
             self.assertEqual(ended, [])
 
+    def test_objects_whose_ends_drop_each_other_end_without_a_crash(self) -> None:
+        share: Any = load_copy("decision_bounds").Share
+        shares = [None, *(share(None) for _ in range(100_000))]
+        share.__del__ = staticmethod(shares.pop)
+        shares.pop()
+        self.assertEqual(shares, [])
+
     def test_the_collector_sees_each_way_that_leads_back(self) -> None:
         for name, make in MAKERS.items():
             module = load_copy("decision_bounds")
