@@ -7,7 +7,7 @@ import time
 import unittest
 from unittest import mock
 
-from examples.shared_cap.lease import DAY_S, Answer, Day, Lease, day_of
+from examples.shared_cap.lease import DAY_S, Answer, Day, Lease, day_of, usable
 
 TODAY, YESTERDAY = "2030-02-01", "2030-01-31"
 
@@ -31,3 +31,7 @@ class LeaseTest(unittest.TestCase):
         with mock.patch.dict(os.environ, TZ="UTC-14"):
             time.tzset()
             self.assertEqual(day_of(DAY_S - 1.0), "1970-01-01")
+
+    def test_a_grant_is_usable_while_something_is_left_of_it(self) -> None:
+        grants = [usable(6, 5, over=False), usable(5, 5, over=False), usable(6, 5, over=True)]
+        self.assertEqual(grants, [6, 0, 0])
