@@ -27,14 +27,13 @@ LockType LockType::of(const Ref& lock) {
   // The interpreter keeps every kind of C function under one pointer type.
   found.enter = reinterpret_cast<EnterFunction>(reinterpret_cast<void (*)()>(enter));
   found.release = c_function(lock, "release", METH_NOARGS);
+  // A subclass may have an exit of its own.
 #if PY_VERSION_HEX >= 0x030F0000
-  const bool is_own = c_function(lock, "__exit__", METH_FASTCALL) != nullptr;
+  const bool is_left_so = c_function(lock, "__exit__", METH_FASTCALL) != nullptr;
 #else
-  // A subclass may have methods of its own in their place.
-  const bool is_own = c_function(lock, "acquire", enter_flags) == enter &&
-                      c_function(lock, "__exit__", METH_VARARGS) == found.release;
+  const bool is_left_so = c_function(lock, "__exit__", METH_VARARGS) == found.release;
 #endif
-  if (enter != nullptr && found.release != nullptr && is_own) {
+  if (enter != nullptr && found.release != nullptr && is_left_so) {
     if (!has_global_lock) {
       found.locked = c_function(lock, "locked", METH_NOARGS);
     }
