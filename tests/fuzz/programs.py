@@ -72,12 +72,13 @@ def _run_here(program: Program, ends_early: bool) -> None:
     logging.disable()
     sys.unraisablehook = lambda _: None
     threading.excepthook = lambda _: None
+    hostile = Hostile(importlib.import_module(MODULE), program)
+    hostile.names["bounds"]._POLL_S = Poll(0.001)
     signal.signal(signal.SIGUSR1, _tick)
     signal.signal(signal.SIGALRM, _tick)
     signal.setitimer(signal.ITIMER_REAL, TICK_S, TICK_S)
-    hostile = Hostile(importlib.import_module(MODULE), program)
-    hostile.names["bounds"]._POLL_S = Poll(0.001)
-    for step in (lambda: hostile.react("main"), *CALMING, *CALMING):
+    # A tick may cut off any of the steps.
+    for step in (lambda: hostile.react("main"), *CALMING * 5):
         try:
             step()
         except BaseException:  # Of a tick, or of a function that traces.
