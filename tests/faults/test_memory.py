@@ -62,19 +62,10 @@ for number in range(30):
     _testcapi.remove_mem_hooks()
 """
 
-# Prints what is raised where there is no memory to set an attribute of a class.
-SET_ATTRIBUTE = """
-import _testcapi
-for count in range(30):
-    made = type("made", (), {f"name{number}": None for number in range(count)})
-    _testcapi.set_nomemory(0, 1)
-    try:
-        made.another = None
-    except Exception as error:
-        _testcapi.remove_mem_hooks()
-        print(type(error).__name__)
-    _testcapi.remove_mem_hooks()
-"""
+
+def is_crash(end: str) -> bool:
+    """Whether the interpreter has lost its way: a signal, or an error that it did not set."""
+    return end.startswith("signal") or end == "SystemError"
 
 
 class MemoryTest(ProcessTest):
@@ -109,12 +100,16 @@ class MemoryTest(ProcessTest):
 
     @unittest.skipUnless(LONG and hasattr(os, "fork"), "takes a minute")
     def test_loading(self) -> None:
-        """It may end as the interpreter does with the declaring text alone, and in no other way."""
+        """It raises or has bound all names, and crashes only where the interpreter alone does too.
+
+        Where it crashes (before CPython 3.14) the interpreter reads memory that it has given back: at
+        which points, and with which signal, differs from run to run.
+        """
         ends = {}
         for way in ("text", "module"):
             told = self.ends_well("-m", "tests.faults.loading", way, "5")
             ends[way] = {line.split(":")[0] for line in told.splitlines()}
-        # A lock cannot be made, nor an attribute of a class set: the text does neither.
-        others = {"RuntimeError", *self.ends_well("-c", SET_ATTRIBUTE).splitlines()}
-        self.assertLessEqual(ends["module"], ends["text"] | others)
+        crashed = {way for way in ends if any(map(is_crash, ends[way]))}
+        self.assertNotEqual(crashed, {"module"}, ends)
         self.assertIn("loaded", ends["module"])
+        self.assertNotIn("loaded in part", ends["module"])
