@@ -67,11 +67,11 @@ class _Held:
 
     def take(self, share: float) -> None:
         """Add the share of an admitted call; its holder is counted also where that fails."""
-        self.holders += 1
+        self.holders = self.holders + 1
         if math.isinf(share):
-            self.unbounded += 1
+            self.unbounded = self.unbounded + 1
         else:
-            self.amount += share
+            self.amount = self.amount + share
 
     def give_back(self, share: float) -> None:
         """Remove the share that an ending call took."""
@@ -196,12 +196,12 @@ class RunBudget:
                     summary = self._summary_locked()
                     raise DecisionBudgetExceeded(f"decision budget exhausted: {summary}")
                 if self._held_tokens.admits(tokens, self.input_tokens, self.max_tokens):
-                    self.in_flight += 1
+                    self.in_flight = self.in_flight + 1
                     try:
                         self._held_tokens.take(tokens)
                     except BaseException:
-                        self._held_tokens.holders -= 1
-                        self.in_flight -= 1
+                        self._held_tokens.holders = self._held_tokens.holders - 1
+                        self.in_flight = self.in_flight - 1
                         raise
                     return
                 _wait(self._changed, self.stopping)
@@ -233,13 +233,13 @@ class RunBudget:
         """Count a cache hit, or a paid reply, whose call gives back its slot and ``tokens``."""
         with self._changed:
             if result.cached:
-                self.cache_hits += 1
+                self.cache_hits = self.cache_hits + 1
                 return
             self.in_flight = max(0, self.in_flight - 1)
             self._held_tokens.give_back(tokens)
-            self.calls += 1
-            self.input_tokens += result.input_tokens
-            self.cost += result.cost
+            self.calls = self.calls + 1
+            self.input_tokens = self.input_tokens + result.input_tokens
+            self.cost = self.cost + result.cost
             self._changed.notify_all()
 
     def summary(self) -> dict[str, Any]:
@@ -295,7 +295,7 @@ class DailySpend:
                     try:
                         self._held.take(held)
                     except BaseException:
-                        self._held.holders -= 1
+                        self._held.holders = self._held.holders - 1
                         raise
                     try:
                         return Share(partial(self._give_back, held))
@@ -322,7 +322,7 @@ class DailySpend:
         """Count the cost of a reply whose call holds no share."""
         with self._changed:
             self._today_locked()
-            self._cost += reply.cost
+            self._cost = self._cost + reply.cost
             self._changed.notify_all()
 
     def _give_back(self, held: float, reply: PaidReply | None) -> None:
@@ -331,7 +331,7 @@ class DailySpend:
             try:
                 if reply is not None:
                     self._today_locked()
-                    self._cost += reply.cost
+                    self._cost = self._cost + reply.cost
             finally:
                 self._held.give_back(held)
                 self._changed.notify_all()
