@@ -8,7 +8,7 @@ namespace decision_bounds::python {
 
 State::State(PyObject* loaded)
     : module(loaded),
-      globals(PyModule_GetDict(loaded)),
+      globals(Ref::to(PyModule_GetDict(loaded))),
       empty_summary(checked(PyDict_New)),
       operation_type(make_operation_type(loaded)) {
   for (std::size_t entry = 0; entry < summary_keys.size(); ++entry) {
@@ -18,6 +18,7 @@ State::State(PyObject* loaded)
 }
 
 int State::traverse(visitproc visit, void* arg) const {
+  Py_VISIT(globals.get());
   Py_VISIT(threading.get());
   Py_VISIT(condition_type.get());
   Py_VISIT(round.get());
@@ -39,8 +40,7 @@ void State::remember_surface() {
 }
 
 Ref State::global(const Ref& name) const {
-  // The operation that asks keeps the module, and the module its dictionary.
-  Ref value = item(globals, name);
+  Ref value = item(globals.get(), name);
   if (value.get() == nullptr) {
     PyErr_Format(PyExc_NameError, "name '%U' is not defined", name.get());
     throw Raised{};

@@ -24,8 +24,8 @@ struct State {
     Ref stopping = interned("stopping");
   };
 
-  PyObject* module;   ///< Borrowed: the module owns its state.
-  PyObject* globals;  ///< Borrowed: the dictionary of the module.
+  PyObject* module;  ///< Borrowed: the module owns its state.
+  Ref globals;       ///< The dictionary of the module, which the collector may clear first.
   Names names;
   Ref threading = import("threading");
   Ref condition_type = attribute(threading, "Condition");
