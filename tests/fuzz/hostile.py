@@ -73,6 +73,8 @@ class Hostile:
         self._starting = threading.RLock()
         self._alone = threading.RLock()  # Held while there is another interpreter.
         self._has_ended = False
+        self._collecting = False
+        gc.callbacks.append(self._note_collector)
         self.broken: list[str] = []
         # Whose objects must not be left over.
         self.kinds = [weakref.ref(getattr(bounds, name)) for name in FIELDS]
@@ -248,11 +250,17 @@ class Hostile:
         return True
 
     def clear_type_cache(self) -> None:
-        """Have the version tags of types given out again: the cache of another interpreter may
-        still have them, and CPython 3.10 then takes one type for another.
+        """Have the version tags of types given out again.
+
+        CPython 3.10 takes one type for another where a tag is still in use: by the cache of another
+        interpreter, or by a type that the collector is about to end.
         """
         with self._alone:
-            sys._clear_type_cache()
+            if not (self._collecting or sys.is_finalizing()):
+                sys._clear_type_cache()
+
+    def _note_collector(self, phase: str, _told: dict[str, int]) -> None:
+        self._collecting = phase == "start"
 
     @staticmethod
     def _interpreters() -> Any:
