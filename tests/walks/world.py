@@ -208,8 +208,7 @@ class World:
         elif type(error) is AttributeError:
             text = "AttributeError"  # The host's words tell an object from its class.
         else:
-            # The twin adds in place, which the host's words for a failure tell.
-            text = f"{type(error).__qualname__}: {error}".replace("=: ", ": ")
+            text = f"{type(error).__qualname__}: {error}"
         if error.__context__ is not None:
             text += f" after {self._error_text(error.__context__)}"
         return without_addresses(text)
