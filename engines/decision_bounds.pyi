@@ -102,8 +102,7 @@ class Share:
 class _Held:
     """What the admitted calls hold of one bound, in its unit (USD or input tokens).
 
-    An infinite share, of a call whose use is not known, is unbounded and runs alone. There is no
-    lock: the bound that owns the record calls each operation with its own lock held.
+    An infinite share, of a call whose use is not known, runs alone. The bound's lock guards all this.
 
     - ``holders``: calls that hold a share.
     - ``amount``: the sum of the finite shares.
@@ -132,16 +131,15 @@ def _wait(
 ) -> None:
     """Wait on ``changed``, whose lock the caller holds, until it is notified or ``_POLL_S`` passes.
 
-    The caller decides again after each return. Raises ``DecisionStopped`` where ``stopping()`` says
-    so and, with a deadline and a clock (seconds), ``DecisionTimeout`` where the clock has reached
-    the deadline; both before any wait.
+    The caller decides again after each return. Raises, before any wait, ``DecisionStopped`` where
+    ``stopping()`` says so, and ``DecisionTimeout`` where ``clock()`` has reached ``deadline`` (s).
     """
 
 @dataclass
 class _Charges:
     """The most that one paid reply came to (USD or input tokens): per byte of its request, and whole.
 
-    Neither maximum ever falls. There is no lock: the owner's guards the record.
+    Neither maximum ever falls. The lock of the rates guards them.
 
     - ``per_byte``: the most per byte of a request.
     - ``per_call``: the most of a whole reply.
@@ -228,10 +226,7 @@ class RunBudget:
         """
 
     def hold(self, tokens: float) -> Share:
-        """Admit a call as ``reserve`` does, with the same errors.
-
-        Returns its share, which gives the slot and the tokens back exactly once.
-        """
+        """Admit a call as ``reserve`` does; return its share, which gives it all back exactly once."""
 
     def release(self, tokens: float = 0.0) -> None:
         """End a call without a paid reply: give back its slot and its tokens."""
@@ -244,10 +239,8 @@ class RunBudget:
         """
 
     def summary(self) -> dict[str, Any]:
-        """What the settled calls have used against the limits.
-
-        The keys are ``calls`` (paid ones), ``cache_hits``, ``input_tokens``, ``cost_usd`` (to 6
-        decimals), ``max_calls`` and ``max_tokens``.
+        """What the settled calls have used against the limits: ``calls`` (paid ones), ``cache_hits``,
+        ``input_tokens``, ``cost_usd`` (to 6 decimals), ``max_calls`` and ``max_tokens``.
         """
 
     def _summary_locked(self) -> dict[str, Any]:
@@ -291,16 +284,12 @@ class DailySpend:
         """
 
     def charge(self, reply: PaidReply) -> None:
-        """Count what a reply cost today, without any share.
-
-        For a call that was sent and never read, but may be billed, and whose share is gone.
-        """
+        """Count, without a share, what a reply cost, or what a call never read may be billed."""
 
     def _give_back(self, held: float, reply: PaidReply | None) -> None:
-        """End a call that held ``held`` USD, with its paid reply or None.
+        """End a call that held ``held`` USD, with its paid reply or None. It is always given back.
 
-        The amount is given back in every case. What reading the date or the reply raises is raised
-        here, and the cost is then not counted.
+        What reading the date or the reply raises is raised here; the cost is then not counted.
         """
 
     def _today_locked(self) -> float:
