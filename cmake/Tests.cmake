@@ -83,6 +83,9 @@ add_python_test(hammer "${PROJECT_BINARY_DIR}" discover -s tests/hammer -t .)
 add_python_test(fuzz "${PROJECT_BINARY_DIR}" discover -s tests/fuzz -t .)
 # What the other examples need of the package index is left to `scripts/check`.
 add_python_test(in_order "${with_examples}" discover -s examples/in_order/tests -t .)
+add_subdirectory(examples/cpp_pass)
+add_python_test(cpp_pass "${PROJECT_SOURCE_DIR}" examples.cpp_pass.test_program)
+set_property(TEST cpp_pass APPEND PROPERTY ENVIRONMENT "CPP_PASS=$<TARGET_FILE:cpp_pass>")
 add_python_test(asyncio_pass "${with_examples}" examples.asyncio_pass.tests.test_admission
                 examples.asyncio_pass.tests.test_many_calls)
 if(NOT DECISION_BOUNDS_SANITIZERS)

@@ -67,8 +67,8 @@ void Client::call(const std::string& request, const native::PaidReply& dearest,
     failure = std::current_exception();
   }
   if (paid) {
-    tokens.settle(*paid);
     usd.settle(*paid);
+    tokens.settle(*paid);
     // After the shares: a day that starts in between then counts the call once.
     ledger_.record(utc_today(), paid->cost);
   }

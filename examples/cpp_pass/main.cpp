@@ -50,7 +50,7 @@ class Ends {
   std::map<std::string, int> calls_;
 };
 
-/// Makes a call and counts how it ended. What fails for another reason ends the program.
+/// Makes a call and counts how it ended. Throws what is no such end.
 void count_end(Ends& ends, const auto& call) {
   try {
     call();
@@ -79,22 +79,27 @@ int run(const char* ledger_file, double cap_usd) {
   std::atomic<int> next = 0;
   std::atomic<bool> failed = false;
 
-  const auto work = [&] {
+  // What no call is expected to end with, a ledger's failure say, ends the pass.
+  const auto watched = [&failed](const auto& work) {
     try {
-      for (int number = next++; number < request_count && !failed; number = next++) {
-        count_end(ends, [&] { client.decide("triage: request " + std::to_string(number), pass); });
-      }
+      work();
     } catch (const std::exception& error) {
       std::fprintf(stderr, "%s\n", error.what());
       failed = true;
     }
   };
+  const auto decide_requests = [&] {
+    for (int number = next++; number < request_count && !failed; number = next++) {
+      count_end(ends, [&] { client.decide("triage: request " + std::to_string(number), pass); });
+    }
+  };
   std::vector<std::thread> threads(thread_count);
   for (std::thread& thread : threads) {
-    thread = std::thread(work);
+    thread = std::thread([&] { watched(decide_requests); });
   }
   Ends tool;
-  count_end(tool, [&] { client.decide_within("route: a request of its own", 0.5); });
+  watched(
+      [&] { count_end(tool, [&] { client.decide_within("route: a request of its own", 0.5); }); });
   for (std::thread& thread : threads) {
     thread.join();
   }
@@ -113,13 +118,19 @@ int run(const char* ledger_file, double cap_usd) {
 }  // namespace
 
 int main(int argument_count, char** arguments) {
-  if (argument_count < 2 || argument_count > 3) {
+  double cap_usd = 0.20;
+  char* end = nullptr;
+  if (argument_count == 3) {
+    cap_usd = std::strtod(arguments[2], &end);
+  }
+  const bool is_cap_wrong = end != nullptr && (end == arguments[2] || *end != '\0');
+  if (argument_count < 2 || argument_count > 3 || is_cap_wrong) {
     std::fprintf(stderr, "usage: cpp_pass LEDGER [CAP_USD]\n");
     return 2;
   }
   std::signal(SIGINT, [](int) { interrupted = true; });
   try {
-    return run(arguments[1], argument_count > 2 ? std::stod(arguments[2]) : 0.20);
+    return run(arguments[1], cap_usd);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "%s\n", error.what());
     return 1;

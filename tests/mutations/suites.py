@@ -36,6 +36,8 @@ class Suite:
     @property
     def target(self) -> str:
         """What is built for it."""
+        if self.name == "cpp_pass":
+            return "cpp_pass"
         return "core_tests" if self.name.startswith("core") else "decision_bounds_module"
 
     @cached_property
@@ -59,6 +61,7 @@ class Suite:
         environment = {
             **os.environ,
             "MUTANT": str(mutant),
+            "CPP_PASS": str(tree.build / "examples" / "cpp_pass" / "cpp_pass"),
             "PYTHONPATH": f"{built}:{tree.folder}",
             "PYTHONDONTWRITEBYTECODE": "1",
         }
@@ -136,6 +139,7 @@ _SHARED_CAP = {
 }
 _EXAMPLES = {
     "in_order": (_discovered("in_order", "examples/in_order/tests"),),
+    "cpp_pass": (Suite("cpp_pass", ("examples.cpp_pass.test_program",)),),
     **{
         name: (_discovered(name, f"examples/{name}/tests", f"examples/{name}/requirements.txt"),)
         for name in ("asyncio_pass", "clients")
