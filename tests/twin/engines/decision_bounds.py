@@ -1,8 +1,6 @@
-"""The bounds a decision client keeps on what it pays: the errors that end a call, the budget of a
-batch pass and the daily cost cap.
+"""The bounds a decision client keeps on what it pays, in plain Python: the twin of the module.
 
-Amounts are in USD or input tokens, sizes in bytes and times in seconds; positive infinity stands
-for an amount that is not known yet.
+What each operation means and raises is said in ``engines/decision_bounds.pyi``.
 """
 
 from __future__ import annotations
@@ -34,7 +32,6 @@ class Share:
         self._give_back: Callable[[PaidReply | None], None] | None = give_back
 
     def settle(self, reply: PaidReply | None) -> None:
-        """Give the share back, once, with the paid reply or with none when there is none."""
         if _HAS_GLOBAL_LOCK:
             # Nothing is called between the read and the store: no other thread comes between them.
             give_back, self._give_back = self._give_back, None
@@ -60,13 +57,11 @@ class _Held:
     unbounded: int = 0
 
     def admits(self, share: float, used: float, limit: float) -> bool:
-        """Whether a call may start beside the settled calls' use; infinite shares run alone."""
         if self.unbounded or math.isinf(share) and self.holders:
             return False
         return used + self.amount < limit
 
     def take(self, share: float) -> None:
-        """Add the share of an admitted call; its holder is counted also where that fails."""
         self.holders = self.holders + 1
         if math.isinf(share):
             self.unbounded = self.unbounded + 1
@@ -74,7 +69,6 @@ class _Held:
             self.amount = self.amount + share
 
     def give_back(self, share: float) -> None:
-        """Remove the share that an ending call took."""
         self.holders = max(0, self.holders - 1)
         if math.isinf(share):
             self.unbounded = max(0, self.unbounded - 1)
@@ -92,10 +86,6 @@ def _wait(
     deadline: float | None = None,
     clock: Callable[[], float] | None = None,
 ) -> None:
-    """Sleep until ``changed`` is notified, for ``_POLL_S`` seconds and to ``deadline`` at most.
-
-    Raises ``DecisionStopped`` or, when ``clock`` has reached ``deadline``, ``DecisionTimeout``.
-    """
     if stopping():
         raise DecisionStopped("the pass was asked to stop")
     timeout = _POLL_S
@@ -118,11 +108,9 @@ class _Charges:
     per_call: float = 0.0
 
     def bound(self, size: int) -> float:
-        """The most that a request of ``size`` bytes may come to."""
         return max(self.per_byte * size, self.per_call)
 
     def learn(self, size: int, charge: float) -> None:
-        """Take in what the reply to a request of ``size`` bytes came to."""
         self.per_byte = max(self.per_byte, charge / (size if size >= 1 else 1))
         self.per_call = max(self.per_call, charge)
 
@@ -136,17 +124,14 @@ class RequestRates:
         self._features: set[str] = set()
 
     def cost(self, size: int, feature: str) -> float:
-        """The most that it may cost, USD; infinite before the first reply of ``feature``."""
         with self._lock:
             return self._cost.bound(size) if feature in self._features else math.inf
 
     def tokens(self, size: int) -> float:
-        """The most input tokens that it may use; infinite before the first reply."""
         with self._lock:
             return self._tokens.bound(size) if self._features else math.inf
 
     def learn(self, size: int, feature: str, reply: PaidReply) -> None:
-        """Take in the paid reply of ``feature`` to a request of ``size`` bytes."""
         with self._lock:
             self._features.add(feature)
             self._cost.learn(size, reply.cost)
@@ -171,23 +156,16 @@ class RunBudget:
     )
 
     def stopping(self) -> bool:
-        """Whether the pass has been asked to stop."""
         return bool(self.should_stop())
 
     def exhausted(self) -> bool:
-        """Whether no call slot or no input token is left."""
         with self._changed:
             return self._exhausted_locked()
 
     def _exhausted_locked(self) -> bool:
-        """The same for a caller that holds the lock."""
         return self.calls + self.in_flight >= self.max_calls or self.input_tokens >= self.max_tokens
 
     def reserve(self, tokens: float = 0.0) -> None:
-        """Hold a call slot and ``tokens``, waiting while the calls in flight hold the rest.
-
-        Raises ``DecisionStopped``, or ``DecisionBudgetExceeded`` when no slot or token is left.
-        """
         if self.stopping():
             raise DecisionStopped("the pass was asked to stop")
         with self._changed:
@@ -207,7 +185,6 @@ class RunBudget:
                 _wait(self._changed, self.stopping)
 
     def hold(self, tokens: float) -> Share:
-        """Reserve, and return the share that holds the reservation; raises what that raises."""
         self.reserve(tokens)
 
         def give_back(reply: PaidReply | None) -> None:
@@ -223,14 +200,12 @@ class RunBudget:
             raise
 
     def release(self, tokens: float = 0.0) -> None:
-        """Give back the slot and the ``tokens`` of a call that ended without a reply."""
         with self._changed:
             self.in_flight = max(0, self.in_flight - 1)
             self._held_tokens.give_back(tokens)
             self._changed.notify_all()
 
     def charge(self, result: PaidReply, tokens: float = 0.0) -> None:
-        """Count a cache hit, or a paid reply, whose call gives back its slot and ``tokens``."""
         with self._changed:
             if result.cached:
                 self.cache_hits = self.cache_hits + 1
@@ -243,12 +218,10 @@ class RunBudget:
             self._changed.notify_all()
 
     def summary(self) -> dict[str, Any]:
-        """What the settled calls used, beside the limits of the pass; the cost is in USD."""
         with self._changed:
             return self._summary_locked()
 
     def _summary_locked(self) -> dict[str, Any]:
-        """The same for a caller that holds the lock."""
         return {
             "calls": self.calls,
             "cache_hits": self.cache_hits,
@@ -271,7 +244,6 @@ class DailySpend:
         self._day, self._cost, self._capped = "", 0.0, False
 
     def spent(self) -> float:
-        """What the settled calls of today cost so far, USD."""
         with self._changed:
             return self._today_locked()
 
@@ -283,10 +255,6 @@ class DailySpend:
         clock: Callable[[], float],
         stopping: Callable[[], bool],
     ) -> Share:
-        """Hold ``bound()`` USD of the cap, waiting while the calls in flight hold the rest of it.
-
-        Raises ``DecisionBudgetExceeded`` (cap reached), ``DecisionTimeout``, ``DecisionStopped``.
-        """
         with self._changed:
             cost = self._today_locked()
             while cost < self._cap:
@@ -319,14 +287,12 @@ class DailySpend:
         )
 
     def charge(self, reply: PaidReply) -> None:
-        """Count the cost of a reply whose call holds no share."""
         with self._changed:
             self._today_locked()
             self._cost = self._cost + reply.cost
             self._changed.notify_all()
 
     def _give_back(self, held: float, reply: PaidReply | None) -> None:
-        """Count the reply, if there is one, and give ``held`` USD back even if that fails."""
         with self._changed:
             try:
                 if reply is not None:
@@ -337,14 +303,12 @@ class DailySpend:
                 self._changed.notify_all()
 
     def _today_locked(self) -> float:
-        """Today's settled spend, USD, which a new day starts from the ledger."""
         today = self._today()
         if self._day != today:
             self._day, self._cost, self._capped = today, self._spent_since(today), False
         return self._cost
 
     def _spent_since(self, day: str) -> float:
-        """What the ledger says the paid calls since ``day`` cost, USD, or 0 if it cannot."""
         if self._ledger is None:
             return 0.0
         try:
