@@ -108,7 +108,6 @@ class ManyCallsTest(BoundsTest):
             )
             self.assertEqual(threading.active_count(), threads)
             self.assertLess(beat.longest_work_s, 0.1)
-            self.assertLess(beat.latest_s, 1.0)
 
         run(main())
         self.assert_nothing_held(budget, spend)
