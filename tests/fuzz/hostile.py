@@ -73,6 +73,7 @@ class Hostile:
         self._starting = threading.RLock()
         self._alone = threading.RLock()  # Held while there is another interpreter.
         self._has_ended = False
+        self._makes_interpreters = True
         self._collecting = False
         gc.callbacks.append(self._note_collector)
         self.broken: list[str] = []
@@ -235,13 +236,15 @@ class Hostile:
     def elsewhere(self) -> None:
         """Use the module in another interpreter of this process, which then ends."""
         with self._alone:
-            if interpreters := self._interpreters():
+            if self._makes_interpreters and (interpreters := self._interpreters()):
                 interpreters.run_string(interpreters.create(), ELSEWHERE)
                 self.end_interpreters()
 
-    def end_interpreters(self) -> bool:
+    def end_interpreters(self, for_good: bool = False) -> bool:
         """End the others; return whether none is left, as one that a thread still uses is."""
         with self._alone:
+            if for_good:
+                self._makes_interpreters = False
             if interpreters := self._interpreters():
                 for each in interpreters.list_all()[1:]:
                     if interpreters.is_running(each):

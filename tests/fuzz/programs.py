@@ -83,7 +83,7 @@ def _run_here(program: Program, ends_early: bool) -> None:
             step()
         except BaseException:  # Of a tick, or of a function that traces.
             pass
-    if not hostile.end_interpreters():
+    if not hostile.end_interpreters(for_good=True):
         os._exit(0)
     _end(BROKEN_STATUS, "\n".join(hostile.broken))
     if not ends_early and threading.active_count() == 1:
