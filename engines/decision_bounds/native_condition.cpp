@@ -22,15 +22,22 @@ void Condition::unlock() {
 }
 
 void Condition::wait(double seconds) {
-  const int depth = std::exchange(depth_, 0);
+  // Takes the lock back in its destructor: a thread that is cancelled leaves its sleep unwound, and
+  // the scopes that hold the lock then give it up.
+  struct Sleep {
+    ~Sleep() {
+      --condition.sleepers_;
+      condition.depth_ = depth;
+      condition.owner_.store(std::this_thread::get_id(), std::memory_order_relaxed);
+      held.release();
+    }
+    Condition& condition;
+    const int depth;
+    std::unique_lock<std::mutex> held;
+  } sleep{*this, std::exchange(depth_, 0), std::unique_lock(mutex_, std::adopt_lock)};
   owner_.store({}, std::memory_order_relaxed);
-  std::unique_lock held(mutex_, std::adopt_lock);
   ++sleepers_;
-  woken_.wait_for(held, std::chrono::duration<double>(seconds));
-  --sleepers_;
-  held.release();
-  owner_.store(std::this_thread::get_id(), std::memory_order_relaxed);
-  depth_ = depth;
+  woken_.wait_for(sleep.held, std::chrono::duration<double>(seconds));
 }
 
 }  // namespace decision_bounds::native

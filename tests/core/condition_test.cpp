@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <mutex>
+#include <pthread.h>
 #include <thread>
 #include <vector>
 
@@ -80,5 +81,29 @@ TEST(Condition, WhoHadTheLockOnceTakesItAnewAndKeepsTheOthersOut) {
   }
   EXPECT_TRUE(keeps_others_out());
 }
+
+// Elsewhere a cancelled thread is not unwound; the address sanitizer does not follow it.
+#if defined(__GLIBC__) && defined(__GLIBCXX__) && !defined(__SANITIZE_ADDRESS__)
+TEST(Condition, ASleeperThatIsCancelledGivesTheLockUp) {
+  Condition changed;
+  bool asleep = false;
+  std::thread sleeper([&] {
+    const std::lock_guard outer(changed);
+    const std::lock_guard inner(changed);
+    asleep = true;
+    for (;;) {
+      changed.wait(3600.0);
+    }
+  });
+  for (bool seen = false; !seen; std::this_thread::yield()) {
+    const std::lock_guard held(changed);
+    seen = asleep;
+  }
+  ASSERT_EQ(pthread_cancel(sleeper.native_handle()), 0);
+  sleeper.join();
+  { const std::lock_guard held(changed); }
+  std::thread([&] { const std::lock_guard held(changed); }).join();
+}
+#endif
 
 }  // namespace decision_bounds::native
