@@ -75,13 +75,15 @@ class DailySpend {
   /// be billed.
   void charge(const PaidReply& reply) { account_.charge(reply, host_); }
 
-  /// Starts no day, and calls no function of the caller's.
   friend DaySnapshot snapshot(DailySpend& spend);
 
  private:
   decision_bounds::DailySpend<DailyNative> account_;
   DailyNative host_;
 };
+
+/// Starts no day, and calls no function of the caller's.
+DaySnapshot snapshot(DailySpend& spend);
 
 }  // namespace native
 

@@ -82,7 +82,7 @@ TEST_F(NativeTest, ASnapshotTellsWhatIsCountedAndWhatIsHeld) {
   spend.charge({.cost = 0.125});
   EXPECT_EQ(snapshot(spend), (DaySnapshot{today, 0.125, {.holders = 1, .amount = 0.25}}));
   today += days(1);
-  EXPECT_EQ(snapshot(spend).day, today - days(1)) << "a snapshot starts no day";
+  EXPECT_EQ(native::snapshot(spend).day, today - days(1)) << "a snapshot starts no day";
   today = sys_days();  // Any date may be the first.
   EXPECT_EQ(DailySpend(
                 1.0, [this] { return today; }, [](sys_days) { return 0.5; })
