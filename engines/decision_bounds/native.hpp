@@ -12,7 +12,8 @@
 ///     usd.settle(reply);
 ///
 /// Any thread may use any bound at any time. A bound is neither copied nor moved, and must outlive
-/// the shares that it made.
+/// the shares that it made. In the child of a fork, a bound that had calls waiting cannot be
+/// destroyed: its destructor waits for them. Such a child ends by `_exit`.
 
 #include "decision_bounds/native_daily_spend.hpp"
 #include "decision_bounds/native_errors.hpp"

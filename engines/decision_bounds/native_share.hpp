@@ -83,9 +83,9 @@ class GiveBackSlot {
 };
 
 /// A share that its scope gives back, without a reply, where nothing settled it before. It refers
-/// to its bound, which must outlive it. May be moved by the thread that owns it; may be settled by
-/// any. A give-back function of the caller's own must not throw at the end of the scope; those of
-/// the bounds do not.
+/// to its bound, which must outlive it. May be moved by the thread that owns it, and settled by
+/// any; what settles it must be done before its scope ends or another share is assigned to it. A
+/// give-back function of the caller's own must throw at neither; those of the bounds do not.
 class [[nodiscard]] HeldShare {
  public:
   HeldShare() = default;
