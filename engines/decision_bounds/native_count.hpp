@@ -50,8 +50,8 @@ class Count {
   std::int64_t value_ = 0;
 };
 
-/// The least `double` that is not below the count: another `double` is below the one exactly where
-/// it is below the other, so that a comparison with it is one with the count.
+/// The least `double` that is not below the count. A `double` is below it exactly where it is below
+/// the count, so a comparison with it is one with the count, unrounded.
 inline double least_double_from(Count count) {
   constexpr std::int64_t exact_limit = std::int64_t{1} << 53;
   constexpr double beyond_counts = 0x1p63;
