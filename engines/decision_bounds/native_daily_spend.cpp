@@ -1,5 +1,7 @@
 #include "decision_bounds/native_daily_spend.hpp"
 
+#include <utility>
+
 #include "decision_bounds/text.hpp"
 
 namespace decision_bounds {

@@ -7,7 +7,6 @@
 #include <exception>
 #include <functional>
 #include <optional>
-#include <utility>
 
 #include "decision_bounds/daily_spend.hpp"
 #include "decision_bounds/native_host.hpp"

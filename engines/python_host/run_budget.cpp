@@ -2,7 +2,6 @@
 
 #include "decision_bounds/run_budget.hpp"
 
-#include <algorithm>
 #include <array>
 
 #include "python_host/class_type.hpp"
