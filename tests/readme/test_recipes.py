@@ -179,9 +179,7 @@ class RecipesTest(unittest.TestCase):
             def run(content: str, program: str) -> subprocess.CompletedProcess[str]:
                 package.write_text(content, encoding="utf-8")
                 command = [sys.executable, "-c", search + program]
-                return subprocess.run(
-                    command, cwd=folder, capture_output=True, text=True, check=False
-                )
+                return subprocess.run(command, capture_output=True, text=True, check=False)
 
             use = "import engines.decision_bounds as bounds; print(bounds.logger.name)"
             hidden = run("", use).stderr
