@@ -80,6 +80,6 @@ class DecisionClient:
                 paid = None
                 raise
             finally:
-                tokens.settle(paid)
                 usd.settle(paid)
+                tokens.settle(paid)
         return reply
