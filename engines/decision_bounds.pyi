@@ -23,8 +23,8 @@ Every thread enters the bounds in the same order. Costs are in USD, sizes in byt
 seconds. An amount that is not known is infinite: such a call waits until it is alone.
 
 The module itself raises ``DecisionBudgetExceeded``, ``DecisionStopped`` and ``DecisionTimeout``,
-whose base is ``DecisionError``. What a function that was handed in raises passes through as it is,
-except for the ledger, whose failure is logged.
+whose base is ``DecisionError``; ``DecisionUnavailable`` is for the client to raise. What a function
+that was handed in raises passes through as it is, except for the ledger, whose failure is logged.
 """
 
 import logging
@@ -157,9 +157,9 @@ class _Charges:
 class RequestRates:
     """What a request may cost and use before its reply says, learned from the paid replies.
 
-    Shared by all the calls of a client, from any thread. The cost of a request is known once its
-    feature (the kind of request) has had a reply, its input tokens once any feature has; until then
-    they are infinite, and the call runs alone.
+    Shared by all the calls of a client, from any thread. The dearest replies bound the requests of
+    every feature (kind of request), whichever feature they were of. A cost is infinite before the
+    first reply of its feature, input tokens before the first of any; such a call runs alone.
     """
 
     def __init__(self) -> None:
@@ -185,8 +185,8 @@ class RunBudget:
     tokens that it may use (infinite where not known) from ``hold`` or ``reserve`` until it ends, by
     its share or by exactly one ``charge`` or ``release`` of the same tokens.
 
-    - ``max_calls``: the most paid calls, settled and in flight together.
-    - ``max_tokens``: the most input tokens of the paid calls.
+    - ``max_calls``: the most calls, paid and in flight together.
+    - ``max_tokens``: the input tokens of the paid calls from which on no call is admitted.
     - ``calls``: calls settled with a paid reply.
     - ``input_tokens``: input tokens of the paid replies.
     - ``cost``: cost of the paid replies, USD.
