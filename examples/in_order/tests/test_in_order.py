@@ -159,6 +159,9 @@ class InOrderTest(unittest.TestCase):
                     self.assert_free()
 
     def test_an_interrupt_ends_the_wait_of_the_main_thread(self) -> None:
+        # A shell's background job is started with the signal ignored.
+        before_test = signal.signal(signal.SIGINT, signal.default_int_handler)
+        self.addCleanup(signal.signal, signal.SIGINT, before_test)
         for at_front in (True, False):
             with self.day.admit(lambda: 1.0, **WAITS):
                 before = [] if at_front else [self.queued(self.enter, "first")]
