@@ -76,6 +76,31 @@ def asleep(bound: Any, call: Callable[[], Any]) -> Iterator[list[Background]]:
         yield calls
 
 
+class Interrupts:
+    """Signals to the main thread, the first ``number`` of which raise ``Boom`` there."""
+
+    def __init__(self, test: unittest.TestCase, number: int) -> None:
+        self.raised: list[Boom] = []
+        self._number = number
+        test.addCleanup(signal.signal, signal.SIGUSR1, signal.signal(signal.SIGUSR1, self._raise))
+
+    def _raise(self, *_: object) -> None:
+        if len(self.raised) < self._number:
+            self.raised.append(Boom())
+            raise self.raised[-1]
+
+    def send(self) -> None:
+        """Send until all have been raised: the last moment before a thread sleeps loses a signal."""
+
+        def all_raised() -> bool:
+            if len(self.raised) == self._number:
+                return True
+            signal.pthread_kill(threading.main_thread().ident or 0, signal.SIGUSR1)
+            return False
+
+        wait_until(all_raised)
+
+
 class ThreadsTest(unittest.TestCase):
     def test_a_rush_stays_within_the_bounds(self) -> None:
         spend = account(cap=100.0)
@@ -126,49 +151,44 @@ class ThreadsTest(unittest.TestCase):
                 self.assertRaises(bounds.DecisionBudgetExceeded, waiter.result)
 
     def test_an_interrupt_ends_a_wait_at_once(self) -> None:
-        budget = full_budget()
-        main = threading.get_ident()
+        budget, interrupts = full_budget(), Interrupts(self, 1)
 
         def interrupt() -> None:
             wait_until(lambda: bool(budget._changed._waiters))
-            time.sleep(0.05)
-            signal.pthread_kill(main, signal.SIGINT)
+            interrupts.send()
 
-        before = signal.signal(signal.SIGINT, signal.default_int_handler)
-        self.addCleanup(signal.signal, signal.SIGINT, before)
         with mock.patch.object(bounds, "_POLL_S", 10 * PATIENCE_S):
-            Background(interrupt)
-            self.assertRaises(KeyboardInterrupt, budget.hold, 1.0)
+            sending = Background(interrupt)
+            self.assertRaises(Boom, budget.hold, 1.0)
+        sending.result()
         self.assertTrue(is_free(budget._changed))
         self.assertEqual(budget.in_flight, 0)
 
     @extension_only
     def test_a_settle_that_is_interrupted_gives_back_before_it_raises(self) -> None:
-        errors: list[BaseException] = []
+        def settle(share: Any) -> None:
+            share.settle(reply)
 
-        def interrupt(*_: object) -> None:
-            errors.append(Boom())
-            raise errors[-1]
+        def is_settling() -> bool:
+            frame = sys._current_frames()[main]
+            return frame.f_code is settle.__code__ and frame.f_lasti == calls[0]
 
         def keep_out() -> None:
             with budget._changed:
                 entered.set()
-                for _ in range(2):
-                    time.sleep(0.05)
-                    signal.pthread_kill(main, signal.SIGUSR1)
-                wait_until(lambda: len(errors) == 2)
+                wait_until(is_settling)
+                interrupts.send()
 
-        before = signal.signal(signal.SIGUSR1, interrupt)
-        self.addCleanup(signal.signal, signal.SIGUSR1, before)
-        main, entered = threading.get_ident(), threading.Event()
-        budget = bounds.RunBudget(9, 9)
-        share, unread = budget.hold(1.0), LookupError()
+        main, entered, calls = threading.get_ident(), threading.Event(), list[int]()
+        budget, interrupts, unread = bounds.RunBudget(9, 9), Interrupts(self, 2), LookupError()
+        share, reply = budget.hold(1.0), LoggedReply(Reply(), "cost", unread)
+        settle(bounds.Share(lambda _: calls.append(sys._getframe(1).f_lasti)))
         keeping = Background(keep_out)
         entered.wait()
         with self.assertRaises(Boom) as caught:
-            share.settle(LoggedReply(Reply(), "cost", unread))
+            settle(share)
         keeping.result()
-        self.assertIs(caught.exception, errors[0])
+        self.assertIs(caught.exception, interrupts.raised[0])
         self.assertIs(caught.exception.__context__, unread)
         self.assertEqual((budget.in_flight, is_free(budget._changed)), (0, True))
 
