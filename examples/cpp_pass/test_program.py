@@ -112,18 +112,21 @@ class ProgramTest(unittest.TestCase):
         self.assertIn("cannot be written", run.warnings)
 
     def test_a_stop(self) -> None:
-        """The pass takes some 60 ms. The signal comes a little later in each run, until it meets it."""
-        for step in range(200):
+        """The signal comes a little later in each run, until it meets the pass before its end."""
+        delay_s, end = 0.0, time.monotonic() + 60
+        while time.monotonic() < end:
             process = self.start(self.ledger, 100)
-            time.sleep(step * 0.00025)
+            time.sleep(delay_s)
             process.send_signal(signal.SIGINT)
             told, warnings = process.communicate(timeout=60)
             if process.returncode == -signal.SIGINT:
-                continue  # There was no handler yet.
+                delay_s += 0.00025  # There was no handler yet.
+                continue
             run = read(process.returncode, told, warnings)
             if "not made: stopped" in run.ends:
                 self.assertEqual((run.status, run.amounts[3:]), (0, (0, 0)))
                 return
+            delay_s /= 2  # The pass had ended.
         self.fail("no run was stopped")
 
     def test_usage(self) -> None:

@@ -120,15 +120,18 @@ class ClientTest(unittest.TestCase):
         stop = threading.Event()
         budget: Any = RunBudget(9, 9000, should_stop=stop.is_set)
         admit = partial(self.client.day.admit, deadline=None, clock=None, stopping=never)
-        holders: dict[str, Any] = {
-            "tokens": lambda: budget.hold(math.inf),
-            "cap": lambda: admit(lambda: math.inf),
+        holders: dict[str, tuple[Any, Any]] = {
+            "tokens": (budget, lambda: budget.hold(math.inf)),
+            "cap": (self.client.day, lambda: admit(lambda: math.inf)),
         }
-        for bound, hold in holders.items():
+        for bound, (full, hold) in holders.items():
             stop.clear()
             with self.subTest(bound), hold(), ThreadPoolExecutor(1) as pool:
                 calling = pool.submit(self.client.decide, REQUEST, budget)
-                time.sleep(0.05)
+                end = time.monotonic() + PATIENCE_S
+                while not full._changed._waiters and time.monotonic() < end:
+                    time.sleep(0.001)
+                time.sleep(0.03)
                 self.assertEqual(self.client.day._held.holders, 0 if bound == "tokens" else 1)
                 stop.set()
                 with self.assertRaises(DecisionStopped):
