@@ -13,6 +13,7 @@ if(GTest_FOUND)
     add_executable(core_tests ${core_test_sources})
     target_link_libraries(core_tests PRIVATE decision_bounds::core GTest::gmock_main decision_bounds_warnings)
     add_test(NAME core COMMAND core_tests)
+    set_tests_properties(core PROPERTIES ENVIRONMENT GTEST_BRIEF=1)
 
     # Each header is all that its reader needs to include.
     file(GLOB headers CONFIGURE_DEPENDS RELATIVE "${PROJECT_SOURCE_DIR}/engines"
