@@ -21,7 +21,7 @@ from tests.fuzz.grammar import Program
 from tests.fuzz.hostile import Boom, Hostile, Poll
 
 MODULE = "engines.decision_bounds"
-PATIENCE_S = 5.0
+PATIENCE_S = 30.0
 TICK_S = 0.1  # Ends what waits for ever otherwise.
 MOST_TRIALS = 400
 BROKEN_STATUS = 97  # The interpreter found that a function broke the rules of its calls.
