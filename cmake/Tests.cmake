@@ -88,7 +88,7 @@ add_subdirectory(examples/cpp_pass)
 add_python_test(cpp_pass "${PROJECT_SOURCE_DIR}" examples.cpp_pass.test_program)
 set_property(TEST cpp_pass APPEND PROPERTY ENVIRONMENT "CPP_PASS=$<TARGET_FILE:cpp_pass>")
 add_python_test(asyncio_pass "${with_examples}" examples.asyncio_pass.tests.test_admission
-                examples.asyncio_pass.tests.test_many_calls)
+                examples.asyncio_pass.tests.test_many_calls examples.asyncio_pass.tests.test_waiters)
 if(NOT DECISION_BOUNDS_SANITIZERS)
     # The same tests on the twin in plain Python: an expectation that both share is no accident of either.
     add_python_test(plain "${PROJECT_SOURCE_DIR}/tests/twin" discover -s tests/module -t .)
