@@ -6,7 +6,7 @@ import asyncio
 import threading
 import unittest
 from functools import partial
-from typing import Any
+from typing import Any, cast
 from unittest import mock
 
 from engines import decision_bounds
@@ -36,11 +36,13 @@ class LoggedLoop:
 
 class WaitersTest(unittest.IsolatedAsyncioTestCase):
     async def asyncSetUp(self) -> None:
-        self.loop: Any = LoggedLoop()
-        self.lock: Any = threading.RLock()
-        self.waiters = Waiters(self.lock)
-        self.call = mock.Mock(stopping=lambda: not self.lock._is_owned(), left_s=lambda: 1000.0)
-        self.first, self.second = [Waiter(self.call, self.loop) for _ in range(2)]
+        self.loop = LoggedLoop()
+        lock = threading.Condition()
+        self.waiters = Waiters(lock)
+        # The lock has to be held where it is asked to stop.
+        call = mock.Mock(stopping=lock.notify, left_s=lambda: 1000.0)
+        loop = cast(asyncio.AbstractEventLoop, self.loop)
+        self.first, self.second = [Waiter(call, loop) for _ in range(2)]
         for waiter in (self.first, self.second):
             self.waiters.join(waiter)
 
